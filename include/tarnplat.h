@@ -1,0 +1,228 @@
+/*
+ * tarnplat.h - the platform layer under libtarnmail.
+ *
+ * Strings, transfer codings, charset numbering and conversion, whole-file
+ * reading and the arena allocator.  Plain C interface; every call is
+ * bounded by the sizes it is given and never writes past them.
+ */
+#ifndef TARNPLAT_H
+#define TARNPLAT_H
+
+#include <stddef.h>
+#include <stdint.h>
+
+#if defined(TARNPLAT_BUILD)
+#define TARNPLAT_API __attribute__((visibility("default")))
+#else
+#define TARNPLAT_API
+#endif
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+/* ------------------------------------------------------------------------
+ * Arena.  A growing region registered under a handle that the caller passes
+ * by address (the handle starts out NULL).  Blocks are zero-filled and
+ * aligned for any type; they are never freed singly.  my_Xfree releases the
+ * whole region and sets the handle back to NULL.  An allocation that cannot
+ * be satisfied ends the process (callers never test for NULL).
+ * ---------------------------------------------------------------------- */
+TARNPLAT_API void* my_Xalloc(void** ppArena, size_t nzSize);
+TARNPLAT_API void my_Xfree(void** ppArena);
+/* Bytes handed out from the arena so far (statistics and tests). */
+TARNPLAT_API size_t my_Xused(void* const* ppArena);
+
+/* ------------------------------------------------------------------------
+ * Strings.  Sizes are whole buffer sizes including the terminator; a copy
+ * that does not fit is cut to size - 1 bytes and always terminated.  A
+ * charset argument is an MLG value (below): when non-zero the cut never
+ * splits a multibyte character of that charset; 0 cuts at any byte.
+ * ---------------------------------------------------------------------- */
+TARNPLAT_API int MSTR_Cmp(const char* a, const char* b);
+TARNPLAT_API int MSTR_NCmp(const char* a, const char* b, size_t n);
+TARNPLAT_API int MSTR_CaseCmp(const char* a, const char* b);              /* ASCII case folding */
+TARNPLAT_API int MSTR_NCaseCmp(const char* a, const char* b, size_t n);
+
+/* strchr: finds the terminator itself when c is 0. */
+TARNPLAT_API char* MSTR_LocChr(const char* s, int c);
+/* strrchr; nFlag is reserved, pass 0. */
+TARNPLAT_API char* MSTR_RLocChr(const char* s, int c, int nFlag);
+/* strstr. */
+TARNPLAT_API char* MSTR_LocStr(const char* s, const char* pattern);
+/* strstr without regard to ASCII case; nFlag is reserved, pass 0. */
+TARNPLAT_API char* MSTR_LocStrCase(const char* s, const char* pattern, int nFlag);
+
+/* Returns the length of the result. */
+TARNPLAT_API int MSTR_Copy(char* pszDst, size_t nzDst, const char* pszSrc, int nCharset);
+/* Copies at most nCount bytes of pszSrc (fewer at its terminator). */
+TARNPLAT_API int MSTR_NCopy(char* pszDst, size_t nzDst, const char* pszSrc, size_t nCount);
+/* Appends to the string already in pszDst; returns the new length. */
+TARNPLAT_API int MSTR_Cat(char* pszDst, size_t nzDst, const char* pszSrc, int nCharset);
+/* snprintf semantics: returns the length the whole result would have. */
+TARNPLAT_API int MSTR_Printf(char* pszDst, size_t nzDst, const char* pszFormat, ...)
+    __attribute__((format(printf, 3, 4)));
+
+/* Token modes for MSTR_TokPtr and MSTR_TokVal. */
+#define MSTR_TOK_ANYWHERE 0  /* the name may stand anywhere, even inside a longer word */
+#define MSTR_TOK_ANCHORED 1  /* the name must start the text (after skip characters) */
+#define MSTR_TOK_CASE     2  /* compare the name with case */
+
+/*
+ * Finds `pszName` in `pszText` (without regard to case unless
+ * MSTR_TOK_CASE), followed by any of `pszSkip`, then one of the characters
+ * of `pszSep`, then any of `pszSkip` again.  Occurrences not followed so are
+ * passed over and the search goes on.  Returns the position of the value
+ * (the byte after the separator and the skipped characters), or NULL.
+ * `nEsc` is reserved (pass 0).
+ */
+TARNPLAT_API char* MSTR_TokPtr(const char* pszText, const char* pszName, const char* pszSkip,
+                               const char* pszSep, int nEsc, int nMode);
+/*
+ * As MSTR_TokPtr, then copies the value into `pszBuf` (bounded by `nzBuf`,
+ * always terminated).  A value that begins with one of `pszQuote` runs to
+ * the next occurrence of that same quote character (or the end of the
+ * text), the quotes not copied; `nEsc`, when not 0, is an escape byte that
+ * makes the next byte part of a quoted value.  Any other value runs to the
+ * first of `pszTerm` or the end of the text.  Returns the position of the
+ * value in the text (at the opening quote when quoted), or NULL, in which
+ * case `pszBuf` is emptied.  `nFlag` is reserved (pass 0).
+ */
+TARNPLAT_API char* MSTR_TokVal(const char* pszText, const char* pszName, const char* pszSkip,
+                               const char* pszSep, const char* pszTerm, const char* pszQuote,
+                               int nEsc, int nFlag, char* pszBuf, size_t nzBuf, int nMode);
+
+/* Trims blanks, tabs, CR and LF from both ends in place; returns pszStr. */
+TARNPLAT_API char* MSTR_TrimSpace(char* pszStr);
+
+/* ------------------------------------------------------------------------
+ * Transfer codings.  The decoders work in place on a NUL-terminated text
+ * and return the number of decoded bytes, which start at the text's first
+ * byte; the decoded bytes are followed by a NUL when room allows (it always
+ * does: output is never longer than input).
+ * ---------------------------------------------------------------------- */
+/* Base64: bytes outside the alphabet are skipped; decoding stops at the
+ * padding that completes a group.  A trailing incomplete group yields the
+ * whole bytes it holds. */
+TARNPLAT_API int MTX_Base64Dec(char* pszText);
+/* Base64 of exactly nLen bytes of pszText (no terminator needed). */
+TARNPLAT_API int MTX_Base64Dec2(char* pszText, int nLen);
+/* Quoted-printable: "=XY" (either case) becomes one byte, "=" at the end of
+ * a line (before LF or CR LF, trailing blanks allowed) joins the lines,
+ * any other "=" stands as written. */
+TARNPLAT_API int MTX_QPDec(char* pszText);
+/* Uuencoded lines from the text's start up to "end", a zero-length line
+ * or the end of the text. */
+TARNPLAT_API int MTX_UUDec(char* pszText);
+/* Finds the "begin MODE NAME" line, copies NAME into pszName (bounded by
+ * nzName, emptied when no begin line exists) and decodes the lines after
+ * it as MTX_UUDec does.  Without a begin line the text is decoded from its
+ * first byte. */
+TARNPLAT_API int MTX_UUDec2(char* pszText, char* pszName, int nzName);
+/* Encodes nLen bytes of pvSrc as base64 into pszDst (bounded by nzDst,
+ * always terminated); nLineLen > 0 breaks lines with CR LF after that many
+ * characters (a multiple of 4).  Returns the encoded length, or -1 when the
+ * result does not fit (pszDst then holds an empty string). */
+TARNPLAT_API int MTX_Base64Enc(const void* pvSrc, int nLen, char* pszDst, int nzDst, int nLineLen);
+/* Size of the buffer MTX_Base64Enc needs, terminator included. */
+TARNPLAT_API int MTX_Base64EncSize(int nLen, int nLineLen);
+
+/* ------------------------------------------------------------------------
+ * Charsets.  MLG values number the charsets the platform knows:
+ * ---------------------------------------------------------------------- */
+#define MLG_UNKNOWN    0
+#define MLG_UTF8       1
+#define MLG_BIG5       2
+#define MLG_GB2312     3  /* GB2312 and GBK */
+#define MLG_JAPANESE   4  /* ISO-2022-JP, EUC-JP and Shift_JIS */
+#define MLG_EUCKR      5
+#define MLG_ISO8859_1  6
+#define MLG_ISO8859_2  7
+#define MLG_ISO8859_3  8
+#define MLG_ISO8859_4  9
+#define MLG_SJIS       10 /* Shift_JIS when it must be told apart from the other Japanese forms */
+#define MLG_UTF7       11
+#define MLG_EUCJP      12 /* EUC-JP, likewise */
+#define MLG_ISO2022JP  13 /* ISO-2022-JP, likewise */
+#define MLG_GB18030    14
+/* Further single-byte and legacy charsets start at MLG_EXTENDED; their
+ * numbers are the platform's own and only meaningful within one build. */
+#define MLG_EXTENDED   32
+
+/* Charset name (MIME or web name, any case, aliases included) to MLG value;
+ * 0 for NULL, empty or unknown names. */
+TARNPLAT_API int MLG_CharsetWEncToValue(const char* pszName);
+/* MLG value to the charset's MIME name ("iso-2022-jp" for MLG_JAPANESE);
+ * "" for unknown values.  Static strings. */
+TARNPLAT_API const char* MLG_CharsetToMEncName(int nCharset);
+/* MLG value to the name a browser page declares ("Shift_JIS" for
+ * MLG_JAPANESE, whose pages are shown in Shift_JIS); "" when unknown. */
+TARNPLAT_API const char* MLG_CharsetToWEncName(int nCharset);
+/* MLG value to a language option: 0 single byte, 2 UTF-8, 3 Shift_JIS,
+ * 1 Big5, 4 GB, 5 Korean. */
+TARNPLAT_API int MLG_CharsetValToOpt(int nCharset);
+/* Byte length of the character that starts at p in the given charset
+ * (1 for a single byte or an invalid sequence, 0 at the terminator);
+ * never reaches past a NUL. */
+TARNPLAT_API int MLG_CharacterLength(const char* p, int nCharset);
+/*
+ * Makes a name safe to store and offer as a file name: path separators,
+ * control bytes and  : * ? " < > |  become "_", leading dots and blanks
+ * are dropped, trailing dots and blanks too, multibyte characters of the
+ * charset are kept whole (a trail byte of 0x5C is no separator there), and
+ * the result is cut to nzDst - 1 bytes without splitting a character.  A
+ * name that ends up empty becomes "_".  Returns the result's length.
+ */
+TARNPLAT_API int MLG_SafeFileName(const char* pszName, char* pszDst, int nzDst, int nCharset);
+
+/* Japanese conversions to Shift_JIS.  MLG_JPInit prepares the tables (may
+ * be called any number of times).  The converters return a new heap string
+ * (free() it), or NULL when the input needs no change or cannot be read. */
+TARNPLAT_API int MLG_JPInit(void);
+TARNPLAT_API char* MLG_JPJis2Sjis2(const char* pszText);
+TARNPLAT_API char* MLG_JPEuc2Sjis2(const char* pszText);
+
+/* ------------------------------------------------------------------------
+ * Unicode conversions (iconv).  Results are new heap strings (free() them).
+ * ---------------------------------------------------------------------- */
+/* Text in the charset of MLG value nCharset to UTF-8.  Returns the input
+ * pointer itself when no conversion is needed (UTF-8, US-ASCII text,
+ * unknown charsets), NULL when the input is NULL.  Bytes that cannot be
+ * converted become U+FFFD.  MLG_JAPANESE text is told apart by its bytes
+ * (escape sequences: ISO-2022-JP; else Shift_JIS when it reads as such,
+ * else EUC-JP). */
+TARNPLAT_API char* MUC_Text2UTF8(const char* pszText, int nCharset);
+/* The same for a text of nLen bytes that may hold NULs; *pnOutLen gets the
+ * result's length.  Returns NULL when no conversion is needed. */
+TARNPLAT_API char* MUC_Text2UTF8N(const char* pText, size_t nLen, int nCharset, size_t* pnOutLen);
+/* UTF-7 (RFC 2152) to UTF-8; nFlag is reserved (pass 1). */
+TARNPLAT_API char* MUC_UTF72UTF8(const char* pszText, int nFlag);
+/* UTF-8 to UTF-7. */
+TARNPLAT_API char* MUC_UTF82UTF7(const char* pszText);
+/* nLen bytes of UTF-16LE (surrogate pairs joined, unpaired ones become
+ * U+FFFD) to UTF-8; stops at a NUL code unit. */
+TARNPLAT_API char* MUC_UTF16LE2UTF8(const void* pvText, size_t nLen);
+
+/* ------------------------------------------------------------------------
+ * Files.
+ * ---------------------------------------------------------------------- */
+/* Reads a whole file, shared between processes through the page cache
+ * (a read-only private mapping).  On success returns 0 and sets *pnSize
+ * and *ppContent; the content is followed by a NUL (the mapping is padded,
+ * or a heap copy is made when the size is a multiple of the page size).
+ * nFlag 1 keeps the content for the life of the process (cached by path,
+ * later calls return the same pointer); 0 hands it to the caller, who
+ * releases it with MSHM_FileFree.  Returns -1 when the file cannot be read. */
+TARNPLAT_API int MSHM_FileRead(const char* pszPath, size_t* pnSize, char** ppContent, int nFlag);
+TARNPLAT_API void MSHM_FileFree(char* pContent, size_t nSize);
+
+/* The fixed "/quillnet/..." paths: when QUILLNET_ROOT is set in the
+ * environment, its value replaces the leading "/quillnet".  Writes the
+ * result into pszDst (bounded by nzDst) and returns pszDst. */
+TARNPLAT_API char* MSYS_RootPath(const char* pszPath, char* pszDst, size_t nzDst);
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif /* TARNPLAT_H */
