@@ -13,5 +13,7 @@
 #include "tarnmail/decode.h"
 #include "tarnmail/charset.h"
 #include "tarnmail/encword.h"
+#include "tarnmail/magic.h"
+#include "tarnmail/tnef.h"
 
 #endif /* TARNMAIL_H */
