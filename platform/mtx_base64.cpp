@@ -98,11 +98,13 @@ void Base64Scalar(B64Cursor& cur, bool yield) {
   uint32_t bits = cur.bits;
   int quad = cur.quad;
   int pads = cur.pads;
-  bool skipped = false;
+  // Handing back is worth it once the byte that stopped the vector kernel
+  // (a group it could not start at, or a byte outside the alphabet) is past.
+  bool past_stop = cur.quad != 0;
 
   while (in < end) {
     if (quad == 0) {
-      if (yield && skipped && kValue.v[*in] != kInvalid) break;
+      if (yield && past_stop && kValue.v[*in] != kInvalid) break;
       DecodeGroups(in, end, out);
       if (in == end) break;
     }
@@ -115,7 +117,7 @@ void Base64Scalar(B64Cursor& cur, bool yield) {
         cur.done = true;
         break;
       }
-      skipped = true;
+      past_stop = true;
       continue;
     }
     pads = 0;
@@ -196,20 +198,45 @@ B64Kernel Base64BestKernel() {
   return best;
 }
 
-size_t Base64Decode(unsigned char* text, size_t len, B64Kernel kernel) {
-  B64Cursor cur{text, text + len, text};
-  const VectorKernel vector = KernelFunction(kernel);
+namespace {
+
+// Decodes up to cur.end.  The vector kernel returns where it meets what it
+// does not take (padding, junk, a break inside a group, the last bytes);
+// the scalar machine steps over that and hands back at the next group.
+void Run(B64Cursor& cur, VectorKernel vector) {
   if (vector == nullptr) {
     Base64Scalar(cur, false);
-  } else {
-    // The kernel returns where a block is not all alphabet; the scalar
-    // machine steps over the line break or junk and hands back at the next
-    // group start.
-    while (!cur.done && cur.in < cur.end) {
-      vector(cur);
-      Base64Scalar(cur, true);
-    }
+    return;
   }
+  while (!cur.done && cur.in < cur.end) {
+    vector(cur);
+    Base64Scalar(cur, true);
+  }
+}
+
+// A terminated text is measured a window at a time, just ahead of the
+// decoding, so that the decoder reads bytes the measuring has just brought
+// into the cache; measuring it whole first would read a long text twice
+// from memory.  The cursor carries a group across windows.
+constexpr size_t kWindow = size_t{64} << 10;
+
+}  // namespace
+
+size_t Base64DecodeTerminated(unsigned char* text, B64Kernel kernel) {
+  const VectorKernel vector = KernelFunction(kernel);
+  B64Cursor cur{text, text, text};
+  for (;;) {
+    const size_t n = strnlen(reinterpret_cast<const char*>(cur.end), kWindow);
+    cur.end += n;
+    Run(cur, vector);
+    if (cur.done || n < kWindow) break;
+  }
+  return static_cast<size_t>(cur.out - text);
+}
+
+size_t Base64Decode(unsigned char* text, size_t len, B64Kernel kernel) {
+  B64Cursor cur{text, text + len, text};
+  Run(cur, KernelFunction(kernel));
   return static_cast<size_t>(cur.out - text);
 }
 
@@ -230,6 +257,7 @@ long long EncodedSize(long long len, int line_len) {
 
 using tarnplat::mtx::Base64BestKernel;
 using tarnplat::mtx::Base64Decode;
+using tarnplat::mtx::Base64DecodeTerminated;
 using tarnplat::mtx::EncodedSize;
 using tarnplat::mtx::kAlphabet;
 
@@ -238,7 +266,7 @@ extern "C" {
 TARNPLAT_API int MTX_Base64Dec(char* pszText) {
   if (pszText == nullptr) return 0;
   auto* text = reinterpret_cast<unsigned char*>(pszText);
-  const size_t n = Base64Decode(text, std::strlen(pszText), Base64BestKernel());
+  const size_t n = Base64DecodeTerminated(text, Base64BestKernel());
   text[n] = '\0';  // n never exceeds the length: at worst this is the old terminator
   return n > static_cast<size_t>(INT_MAX) ? INT_MAX : static_cast<int>(n);
 }

@@ -36,6 +36,8 @@ B64Kernel Base64BestKernel();
 // Decodes len bytes of text in place with the given kernel (which must be
 // available) and returns the decoded byte count.  Writes no terminator.
 size_t Base64Decode(unsigned char* text, size_t len, B64Kernel kernel);
+// The same over a NUL-terminated text, read no further than its terminator.
+size_t Base64DecodeTerminated(unsigned char* text, B64Kernel kernel);
 
 // The scalar machine: reads characters until the text ends or padding
 // completes a group.  With yield set it returns early, once it has stepped
@@ -45,9 +47,9 @@ void Base64Scalar(B64Cursor& cur, bool yield);
 
 #if defined(__x86_64__) || defined(__i386__)
 // Vector kernels: decode whole blocks of alphabet characters while the
-// cursor stands at the start of a group, and return at the first block
-// they cannot take whole (after decoding its leading whole groups when
-// that is safe in place).
+// cursor stands at the start of a group, stepping over line breaks and
+// blanks between groups; they return where they meet anything else, or
+// when fewer than a block's bytes remain.
 void Base64VectorSsse3(B64Cursor& cur);
 void Base64VectorAvx2(B64Cursor& cur);
 #endif

@@ -45,6 +45,15 @@ std::string KernelDecode(B64Kernel kernel, const std::string& text) {
   return std::string(reinterpret_cast<const char*>(buf.data()), std::min(n, buf.size()));
 }
 
+// Decodes a terminated copy of text with one kernel.
+std::string TerminatedDecode(B64Kernel kernel, const std::string& text) {
+  std::vector<unsigned char> buf(text.begin(), text.end());
+  buf.push_back('\0');
+  const size_t n = tarnplat::mtx::Base64DecodeTerminated(buf.data(), kernel);
+  EXPECT_LE(n, text.size());
+  return std::string(reinterpret_cast<const char*>(buf.data()), std::min(n, text.size()));
+}
+
 std::vector<B64Kernel> Kernels() {
   std::vector<B64Kernel> kernels{B64Kernel::kScalar};
   for (B64Kernel k : {B64Kernel::kSsse3, B64Kernel::kAvx2}) {
@@ -70,6 +79,10 @@ void ExpectKernelsAgree(const std::string& text) {
   const std::string want = KernelDecode(B64Kernel::kScalar, text);
   for (B64Kernel k : Kernels()) {
     ASSERT_EQ(want, KernelDecode(k, text)) << KernelName(k) << " on " << ::testing::PrintToString(text);
+  }
+  if (text.find('\0') != std::string::npos) return;
+  for (B64Kernel k : Kernels()) {
+    ASSERT_EQ(want, TerminatedDecode(k, text)) << KernelName(k) << " on " << ::testing::PrintToString(text);
   }
 }
 
@@ -165,6 +178,30 @@ TEST(Base64Dec, CorpusFiles) {
   EXPECT_EQ(Corpus("roundcube/test.pdf"), B64(Corpus("roundcube/test.base64")));
   for (B64Kernel k : Kernels()) {
     EXPECT_EQ(Corpus("gmime/photo.jpg"), KernelDecode(k, Corpus("gmime/photo.b64"))) << KernelName(k);
+    EXPECT_EQ(Corpus("gmime/photo.jpg"), TerminatedDecode(k, Corpus("gmime/photo.b64"))) << KernelName(k);
+  }
+}
+
+// A terminated text is read in windows: groups, line breaks and padding
+// that straddle a window's end must decode as anywhere else.
+TEST(Base64Kernels, LongTextsAcrossWindows) {
+  std::mt19937 rng(11);
+  const std::string data = RandomBytes(rng, 400000);
+  for (int line_len : {0, 76}) {
+    const std::string enc = Encode(data, line_len);
+    for (const std::string lead : {"", "\r\n", " ", "\n\n\n"}) {
+      for (B64Kernel k : Kernels()) {
+        ASSERT_EQ(data, TerminatedDecode(k, lead + enc)) << KernelName(k) << " line " << line_len;
+      }
+    }
+  }
+  // Padding right at a window's end stops the decoding there.
+  for (size_t at = 65530; at <= 65540; ++at) {
+    std::string text(at, 'A');
+    text.replace(at - 2, 2, "==");
+    text += "QUJD";
+    const std::string want = KernelDecode(B64Kernel::kScalar, text);
+    for (B64Kernel k : Kernels()) ASSERT_EQ(want, TerminatedDecode(k, text)) << KernelName(k) << " at " << at;
   }
 }
 
@@ -228,6 +265,29 @@ TEST(Base64Kernels, AgreeOnMessyText) {
       if (static_cast<size_t>(i + 1) % line_len == 0) text += "\r\n";
     }
     ExpectKernelsAgree(text);
+  }
+}
+
+// Regular MIME lines with one byte changed anywhere in a late line: the
+// kernels' assumption that every line looks like the last must give way.
+TEST(Base64Kernels, OneOddByteAmongRegularLines) {
+  std::mt19937 rng(5);
+  const std::string data = RandomBytes(rng, 57 * 12);
+  for (int line_len : {64, 76}) {
+    const std::string enc = Encode(data, line_len);
+    const size_t line_start = 8 * static_cast<size_t>(line_len + 2);
+    for (size_t pos = line_start; pos < line_start + static_cast<size_t>(line_len) + 2; ++pos) {
+      for (const char odd : {'*', '=', '\0', ' ', '\n', '\r'}) {
+        std::string text = enc;
+        text[pos] = odd;
+        ExpectKernelsAgree(text);
+        text.insert(pos, 1, odd);  // an extra byte shifts the rest
+        ExpectKernelsAgree(text);
+        text.erase(pos, 2);  // a missing one too
+        ExpectKernelsAgree(text);
+        if (::testing::Test::HasFatalFailure()) return;
+      }
+    }
   }
 }
 
