@@ -89,7 +89,7 @@ bool iconv_to_utf8(Bytes text, const Charset& cs, HeapBuf& out) {
                                       : reinterpret_cast<iconv_t>(-1);
   char* src = const_cast<char*>(reinterpret_cast<const char*>(text.data()));
   size_t left = text.size();
-  size_t want = left * 3 + 16;  // enough for nearly every text in one call
+  size_t want = left + left / 2 + 16;  // grows on E2BIG
   while (left > 0) {
     if (!out.make_room(want)) return false;
     char* dst = out.tail();
@@ -107,7 +107,7 @@ bool iconv_to_utf8(Bytes text, const Charset& cs, HeapBuf& out) {
     if (!try_fallback(fb, src, n, out)) out.append(kReplacement);
     src += n;
     left -= n;
-    want = left * 3 + 16;
+    want = left + left / 2 + 16;
   }
   // Stateful sources may hold a character back until the end.
   if (!out.make_room(64)) return false;

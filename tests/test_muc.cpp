@@ -204,6 +204,28 @@ TEST(MucText2UTF8, EveryValueConverts) {
   }
 }
 
+// Random bytes in every charset: valid UTF-8 out, every time, and the
+// bounded form reads exactly the bytes it is given (each text sits in a
+// heap block of its own size).
+TEST(MucText2UTF8, RandomBytesInEveryCharset) {
+  std::mt19937 rng(1843);
+  const char pool[] =
+      "\x1B\x0E\x0F~{}+-$()BJ@AZaz09\r\n \x80\x81\x8E\x8F\xA1\xA4\xC3\xDF\xE0\xFE\xFF";
+  for (int v = 1; v < 256; ++v) {
+    if (*MLG_CharsetToMEncName(v) == '\0') continue;
+    for (int round = 0; round < 150; ++round) {
+      size_t len = 1 + rng() % 40;
+      auto block = std::make_unique<char[]>(len);
+      for (size_t i = 0; i < len; ++i) block[i] = pool[rng() % (sizeof pool - 1)];
+      size_t n = 0;
+      HeapStr p(MUC_Text2UTF8N(block.get(), len, v, &n));
+      if (!p) continue;
+      std::string out(p.get(), n);
+      ASSERT_TRUE(valid_utf8(out)) << MLG_CharsetToMEncName(v);
+    }
+  }
+}
+
 TEST(MucText2UTF8, InvalidBytesBecomeReplacementsAndConversionGoesOn) {
   EXPECT_EQ("\xE4\xB8\x80\xEF\xBF\xBD\xE4\xB8\x80", to_utf8("\xA4\x40\xFF\xA4\x40", MLG_BIG5));
   EXPECT_EQ("a\xEF\xBF\xBD", to_utf8("a\xA4", MLG_BIG5));  // cut at the end
