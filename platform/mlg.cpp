@@ -231,7 +231,20 @@ constexpr Alias kAliases[] = {
     {"viscii", kViscii}, {"csviscii", kViscii},
 };
 
-// Every table value is unique, every alias names a value of the table.
+constexpr char fold(char c) {
+  if (c >= 'A' && c <= 'Z') return static_cast<char>(c - 'A' + 'a');
+  return c == '_' ? '-' : c;
+}
+
+constexpr bool same_name(std::string_view a, std::string_view b) {
+  if (a.size() != b.size()) return false;
+  for (size_t i = 0; i < a.size(); ++i)
+    if (fold(a[i]) != fold(b[i])) return false;
+  return true;
+}
+
+// Every table value is unique, every alias names a value of the table, and
+// no name is listed twice (the first would silently win).
 constexpr bool table_is_consistent() {
   for (size_t i = 0; i < std::size(kCharsets); ++i)
     for (size_t j = i + 1; j < std::size(kCharsets); ++j)
@@ -241,21 +254,12 @@ constexpr bool table_is_consistent() {
     for (const Charset& c : kCharsets) found = found || c.value == a.value;
     if (!found) return false;
   }
+  for (size_t i = 0; i < std::size(kAliases); ++i)
+    for (size_t j = i + 1; j < std::size(kAliases); ++j)
+      if (same_name(kAliases[i].name, kAliases[j].name)) return false;
   return true;
 }
 static_assert(table_is_consistent());
-
-constexpr char fold(char c) {
-  if (c >= 'A' && c <= 'Z') return static_cast<char>(c - 'A' + 'a');
-  return c == '_' ? '-' : c;
-}
-
-bool same_name(std::string_view a, std::string_view b) {
-  if (a.size() != b.size()) return false;
-  for (size_t i = 0; i < a.size(); ++i)
-    if (fold(a[i]) != fold(b[i])) return false;
-  return true;
-}
 
 // The name as declared, without surrounding blanks and without an RFC 2231
 // language suffix ("utf-8*en").
