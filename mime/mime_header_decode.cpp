@@ -62,7 +62,8 @@ int decode_header(ME_HEADER* h, char* charset_str, int len, MIME_DECODE* decode_
     if (is_field && needs_decoding(he->ent_ptr)) {
       if (std::strchr(he->ent_ptr, '\r') != nullptr) drop_cr_before_lf(he->ent_ptr);
       const char* word_charset = MSTR_Decode(he->ent_ptr);
-      he->ent_len = static_cast<int>(std::strlen(he->ent_ptr));
+      // As when the block was split, the length counts the terminator.
+      he->ent_len = static_cast<int>(std::strlen(he->ent_ptr)) + 1;
       if (word_charset != nullptr && word_charset[0] != '\0') {
         value_charset = MLG_CharsetWEncToValue(word_charset);
         had_encoded_words = 1;
