@@ -1,0 +1,35 @@
+// tarnmail: decode and inspect e-mail messages from the command line.
+
+#include <cstdio>
+#include <string>
+#include <vector>
+
+#include "tool.h"
+
+namespace {
+
+constexpr char kUsage[] =
+    "usage: tarnmail COMMAND [ARGS]\n"
+    "\n"
+    "commands:\n"
+    "  tree FILE [--preset imap|general|msgread|mailerd]\n"
+    "      decode a message (\"-\": standard input) and print its entity tree\n";
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  if (argc < 2) {
+    fputs(kUsage, stderr);
+    return 2;
+  }
+  std::string command = argv[1];
+  std::vector<std::string> args(argv + 2, argv + argc);
+  if (command == "tree") return tarntool::cmd_tree(args);
+  if (command == "-h" || command == "--help" || command == "help") {
+    fputs(kUsage, stdout);
+    return 0;
+  }
+  fprintf(stderr, "tarnmail: unknown command '%s'\n", command.c_str());
+  fputs(kUsage, stderr);
+  return 2;
+}

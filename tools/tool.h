@@ -1,0 +1,34 @@
+// Shared pieces of the tarnmail command-line program.
+#ifndef TARN_TOOL_H
+#define TARN_TOOL_H
+
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "tarnmail.h"
+
+namespace tarntool {
+
+// A message read into a buffer one byte longer than the message, as the
+// decoding engine needs.
+struct Message {
+  std::vector<char> bytes;  // message plus the terminator byte
+  int size() const { return static_cast<int>(bytes.size()) - 1; }
+};
+
+// Reads FILE ("-" for standard input); prints a one-line error and returns
+// nothing when it cannot.
+std::optional<Message> read_message(const std::string& path);
+
+// The decode preset of a name ("imap", "general", "msgread", "mailerd").
+const MIME_DECODE* decode_preset(const std::string& name);
+
+// Command entry points: arguments after the command name.
+int cmd_tree(const std::vector<std::string>& args);
+
+int usage_error(const std::string& message);
+
+}  // namespace tarntool
+
+#endif
