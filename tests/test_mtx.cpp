@@ -326,39 +326,50 @@ TEST(Base64Enc, VectorsLinesAndLimits) {
 
 // ---------------------------------------------------------------- quoted-printable
 
+// Checks a quoted-printable case alone, and again behind escapes that set
+// the cursors apart and (unless it is about the text's end) before more
+// text, where blocks of text are moved whole.
+constexpr bool kAtEnd = true;
+void ExpectQP(const std::string& text, const std::string& want, bool at_end = false) {
+  EXPECT_EQ(want, QP(text)) << ::testing::PrintToString(text);
+  const std::string escapes = "=41=42=43=44=45=46=47=48=49=4A=4B=4C";
+  const std::string suffix = at_end ? "" : "ghijklmnopqrstuvwxyzGHIJKL";  // no hex digit
+  EXPECT_EQ("ABCDEFGHIJKL" + want + suffix, QP(escapes + text + suffix)) << ::testing::PrintToString(text);
+}
+
 TEST(QPDec, EscapesEitherCase) {
-  EXPECT_EQ("AJJ", QP("=41=4a=4A"));
-  EXPECT_EQ("caf\xc3\xa9 ok", QP("caf=C3=A9 ok"));
-  EXPECT_EQ(std::string("\0x", 2), QP("=00x"));
-  EXPECT_EQ("plain text\r\n", QP("plain text\r\n"));
-  EXPECT_EQ("", QP(""));
+  ExpectQP("=41=4a=4A", "AJJ");
+  ExpectQP("caf=C3=A9 ok", "caf\xc3\xa9 ok");
+  ExpectQP("=00x", std::string("\0x", 2));
+  ExpectQP("plain text\r\n", "plain text\r\n", kAtEnd);
+  ExpectQP("", "", kAtEnd);
 }
 
 TEST(QPDec, SoftLineBreaks) {
-  EXPECT_EQ("abcd", QP("ab=\r\ncd"));
-  EXPECT_EQ("abcd", QP("ab=\ncd"));
-  EXPECT_EQ("abcd", QP("ab=  \t\r\ncd"));
-  EXPECT_EQ("abcd", QP("ab= \ncd"));
-  EXPECT_EQ("ab", QP("ab="));     // at the very end
-  EXPECT_EQ("ab", QP("ab=  "));   // blanks and then the end
-  EXPECT_EQ("ab", QP("ab=\r"));
-  EXPECT_EQ("a\r\nb\nc", QP("a=\r\n\r\nb=\n\nc"));  // only one break goes
+  ExpectQP("ab=\r\ncd", "abcd");
+  ExpectQP("ab=\ncd", "abcd");
+  ExpectQP("ab=  \t\r\ncd", "abcd");
+  ExpectQP("ab= \ncd", "abcd");
+  ExpectQP("ab=", "ab", kAtEnd);     // at the very end
+  ExpectQP("ab=  ", "ab", kAtEnd);   // blanks and then the end
+  ExpectQP("ab=\r", "ab", kAtEnd);
+  ExpectQP("a=\r\n\r\nb=\n\nc", "a\r\nb\nc");  // only one break goes
 }
 
 TEST(QPDec, HardBreaksAndTrailingBlanksStay) {
-  EXPECT_EQ("a \r\nb\t\nc", QP("a \r\nb\t\nc"));
-  EXPECT_EQ("A \r\n", QP("=41 \r\n"));
+  ExpectQP("a \r\nb\t\nc", "a \r\nb\t\nc");
+  ExpectQP("=41 \r\n", "A \r\n");
 }
 
 TEST(QPDec, InvalidEscapesStandAsWritten) {
-  EXPECT_EQ("a=zz", QP("a=zz"));
-  EXPECT_EQ("a=4g", QP("a=4g"));
-  EXPECT_EQ("a=4", QP("a=4"));
-  EXPECT_EQ("a=A", QP("a==41"));
-  EXPECT_EQ("a= b", QP("a= b"));
-  EXPECT_EQ("a=\rb", QP("a=\rb"));  // a lone CR is no line break
-  EXPECT_EQ("1+1=2", QP("1+1=2"));
-  EXPECT_EQ("a===b", QP("a===b"));
+  ExpectQP("a=zz", "a=zz");
+  ExpectQP("a=4g", "a=4g");
+  ExpectQP("a=4", "a=4", kAtEnd);
+  ExpectQP("a==41", "a=A");
+  ExpectQP("a= b", "a= b");
+  ExpectQP("a=\rb", "a=\rb");  // a lone CR is no line break
+  ExpectQP("1+1=2", "1+1=2");
+  ExpectQP("a===b", "a===b");
 }
 
 TEST(QPDec, CorpusAndRoundTrip) {
