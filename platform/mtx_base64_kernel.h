@@ -18,9 +18,10 @@
  *
  * Mail wraps base64 in lines of one length (76 characters and CR LF, as a
  * rule).  Finding each break from the data would make every load wait for
- * the previous block's result; once two breaks stood the same distance
- * apart, the loop assumes that layout and only checks it, so the loads of
- * coming lines do not depend on the data and can run ahead.
+ * the previous block's result; so after a line break the loop assumes that
+ * the following lines have the length and break of the line just ended and
+ * only checks that they do: the loads of coming lines then do not depend
+ * on the data and can run ahead.
  */
 #ifndef TARNPLAT_MTX_BASE64_KERNEL_H
 #define TARNPLAT_MTX_BASE64_KERNEL_H
