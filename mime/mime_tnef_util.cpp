@@ -132,8 +132,9 @@ TNEF_Attach* StreamReader::run(int* status) {
   if (trace_) std::printf("key 0x%04x\n", key);
   while (cur_.left() > 0) {
     Attribute a;
+    const size_t left = cur_.left();
     if (!read_attribute(&a)) {
-      if (trace_) std::printf("stream cut short (%zu bytes left)\n", cur_.left());
+      if (trace_) std::printf("stream cut short: %zu bytes left, too few for the attribute\n", left);
       *status = TNEF_ERR_SHORT;
       break;
     }
