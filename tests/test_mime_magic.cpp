@@ -602,6 +602,45 @@ TEST(MagicLoad, QuillnetPathsFollowTheRoot) {
   EXPECT_EQ(sniff("ROOT"), "text/x-root");
 }
 
+// Lines stitched from the pieces of the format, in any order, and random
+// buffers of every short length: the loader and matcher must stay inside
+// their lines and buffers (the sanitizers watch) and keep their counts.
+TEST(MagicLoad, RandomLinesAndBuffers) {
+  const char* pieces[] = {">",     ">>",   "&",       "(",      ")",      ".",      "b",    "L",
+                          "+",     "-",    "0",       "0x",     "7",      "4",      "\t",   " ",
+                          "byte",  "u",    "string",  "belong", "lelong", "date",   "x",    "=",
+                          "!",     "<",    "^",       "\\",     "\\x",    "\\1",    "\\b",  "\b",
+                          "text/", "a",    "&0xff",   "(4.s)",  "(0.l+",  "string/B"};
+  std::mt19937 rng(7);
+  std::string text;
+  for (int line = 0; line < 3000; ++line) {
+    int n = static_cast<int>(rng() % 12);
+    for (int k = 0; k < n; ++k) text += pieces[rng() % std::size(pieces)];
+    text += '\n';
+  }
+  std::string err;
+  int r = load(text, &err);
+  EXPECT_TRUE(r == 0 || r == 1);
+  EXPECT_EQ(r == 1, MIMETYPE_nrejected > 0);
+  EXPECT_GT(MIMETYPE_nmagic, 0);
+  for (int i = 0; i < MIMETYPE_nmagic; ++i) {
+    EXPECT_GE(entry(i).vallen, 0);
+    EXPECT_LT(entry(i).vallen, MAGIC_MAXSTRING);
+    EXPECT_LT(std::strlen(entry(i).desc), static_cast<size_t>(MAGIC_MAXDESC));
+  }
+  for (int len = 0; len < 80; ++len) {
+    for (int trial = 0; trial < 20; ++trial) {
+      std::vector<unsigned char> buf(static_cast<size_t>(len));  // exactly len bytes on the heap
+      for (auto& c : buf) c = static_cast<unsigned char>(rng());
+      MIMETYPE_outputstr[0] = '\0';
+      testing::internal::CaptureStdout();
+      softmagic(buf.data(), len);
+      testing::internal::GetCapturedStdout();
+      EXPECT_LT(std::strlen(MIMETYPE_outputstr), sizeof(MIMETYPE_outputstr));
+    }
+  }
+}
+
 // ------------------------------------------------- the shipped magic file
 
 std::string default_magic() { return std::string(TARN_SOURCE_DIR) + "/data/magic"; }
