@@ -132,6 +132,54 @@ std::map<std::string, std::string> read_golden() {
   return out;
 }
 
+// The checker itself: a sound tree passes, and each kind of damage is
+// reported.
+TEST(CorpusDecode, CheckerReportsBrokenTrees) {
+  std::string sample = tarntest::read_file(std::string(TARN_SOURCE_DIR) + "/data/samples/forwarded.eml");
+  auto problems_after = [&](auto damage) {
+    Decoded d(sample, imapME);
+    damage(d);
+    TreeChecker checker(d.ctx(), d.buffer(), d.size());
+    return tarntest::join_lines(checker.check(d.ctx().error_code));
+  };
+  EXPECT_EQ("", problems_after([](Decoded&) {}));
+  // The root's parts: text/plain, then message/rfc822 with its message.
+  EXPECT_NE(std::string::npos, problems_after([](Decoded& d) { d.root()->child->h->mime.ctype = 42; }).find("ctype 42"));
+  EXPECT_NE(std::string::npos, problems_after([](Decoded& d) { d.root()->child->h->mime.enc_type = 6; }).find("enc_type 6"));
+  EXPECT_NE(std::string::npos,
+            problems_after([](Decoded& d) { d.root()->child->next->next = d.root()->child; }).find("cycle"));
+  EXPECT_NE(std::string::npos, problems_after([](Decoded& d) {
+                                 ME* a = d.root()->child;
+                                 ME* b = a->next;
+                                 d.root()->child = b;
+                                 b->next = a;
+                                 a->next = nullptr;
+                               }).find("out of message order"));
+  EXPECT_NE(std::string::npos,
+            problems_after([](Decoded& d) { d.root()->child->next->child = nullptr; }).find("without its embedded"));
+  EXPECT_NE(std::string::npos,
+            problems_after([](Decoded& d) { d.root()->child->next->child->h->rfc822 = nullptr; }).find("message-level"));
+  EXPECT_NE(std::string::npos, problems_after([](Decoded& d) { d.root()->child->h = nullptr; }).find("no parsed header"));
+  EXPECT_NE(std::string::npos, problems_after([](Decoded& d) {
+                                 ME* text = d.root()->child;
+                                 text->body_end = text->body_bgn + 1;
+                                 text->datalen = 5;
+                               }).find("datalen longer"));
+  EXPECT_NE(std::string::npos,
+            problems_after([](Decoded& d) { d.root()->child->body_end = d.buffer() + d.size() + 2; }).find("outside"));
+  EXPECT_NE(std::string::npos,
+            problems_after([](Decoded& d) { d.root()->child->child = d.root()->child->next; }).find("leaf entity"));
+  EXPECT_NE(std::string::npos, problems_after([](Decoded& d) { d.ctx().error_code |= 8; }).find("unknown bits"));
+#ifdef TARN_CHECK_ASAN
+  // A field value in memory the process may not read.
+  static char region[32] = "value";
+  __asan_poison_memory_region(region, sizeof region);
+  std::string found = problems_after([](Decoded& d) { d.root()->h->he->ent_ptr = region; });
+  __asan_unpoison_memory_region(region, sizeof region);
+  EXPECT_NE(std::string::npos, found.find("not in readable memory")) << found;
+#endif
+}
+
 TEST(CorpusDecode, CorpusIsThere) {
   if (corpus().empty()) GTEST_SKIP() << "no corpus at " << tarntest::corpus_dir();
   // The tests below are only as good as the number of messages they see.
