@@ -152,8 +152,13 @@ int strip_charset(char* ctype_str, MIME_DECODE* decode_info, char* charset_str, 
 
   MSTR_TokVal(ctype_str, "charset", " \n\t", "=", " \n\t;", "\"", 0, 0, charset_str,
               static_cast<std::size_t>(len), MSTR_TOK_ANYWHERE);
+  return charset_prefix_value(charset_str, fallback);
+}
+
+int charset_prefix_value(const char* charset_name, int fallback) {
+  if (charset_name == nullptr) return fallback;
   for (const CharsetPrefix& p : kDeclaredPrefixes)
-    if (MSTR_NCaseCmp(charset_str, p.prefix, p.count) == 0) return p.value;
+    if (MSTR_NCaseCmp(charset_name, p.prefix, p.count) == 0) return p.value;
   return fallback;
 }
 

@@ -1,0 +1,112 @@
+// Uuencoded blocks inside text bodies: each "begin MODE NAME" ... "end"
+// block is cut out of the text and becomes an entity of its own that
+// follows the text entity.
+
+#include <cstdlib>
+#include <cstring>
+
+#include "mime_internal.h"
+
+namespace {
+
+constexpr size_t kBegin = 6;        // strlen("begin ")
+constexpr long kMaxModeSpan = 12;   // from the "b" of "begin" to the blank after the mode
+constexpr long kMaxNameSpan = 128;  // from that blank to the LF that ends the name
+
+struct BeginLine {
+  char* begin;  // the "b" of "begin"
+  char* name;   // the name text
+  char* lf;     // the LF that ends the line
+};
+
+// Parses a "begin MODE NAME" line at `b`; false when it is not one.
+bool parse_begin(char* b, BeginLine* out) {
+  char* mode = b + kBegin;
+  char* blank = mode;
+  while (*blank != '\0' && *blank != ' ' && blank - b <= kMaxModeSpan) ++blank;
+  if (*blank != ' ' || blank - b > kMaxModeSpan) return false;
+  char digits[256];
+  MSTR_NCopy(digits, sizeof digits, mode, static_cast<size_t>(blank - mode));
+  long value = strtol(digits, nullptr, 10);
+  if (value < 1 || value > 5000) return false;
+  char* lf = blank + 1;
+  while (*lf != '\0' && *lf != '\n' && lf - blank <= kMaxNameSpan) ++lf;
+  if (*lf != '\n' || lf - blank > kMaxNameSpan) return false;
+  *out = {b, blank + 1, lf};
+  return true;
+}
+
+// Next begin line from `from`: one at the body's start or after an LF.
+bool find_begin(char* body, char* from, BeginLine* out) {
+  for (char* b = strstr(from, "begin "); b != nullptr; b = strstr(b + kBegin, "begin ")) {
+    if (b != body && b[-1] != '\n') continue;
+    if (parse_begin(b, out)) return true;
+  }
+  return false;
+}
+
+// The LF in front of "end" that closes the block begun at `begin`.
+char* find_end(char* begin) {
+  char* e = strstr(begin, "\nend\n");
+  if (e == nullptr) e = strstr(begin, "\nend\r\n");
+  return e;
+}
+
+char* japanese_name(char* name, int charset, MIME_DECODE* decode_info) {
+  if (!(decode_info->auto_convert & 1) || (charset != MIME_CS_ISO2022JP && charset != MIME_CS_EUCJP)) return name;
+  char* sjis = mime_jp_to_sjis(name, charset, decode_info);
+  return sjis != nullptr ? sjis : name;
+}
+
+}  // namespace
+
+void OLD_UUE_DECODE(ME* me, MIME_DECODE* decode_info) {
+  ME* former_next = me->next;
+  if (me->ent_len == 0) me->h->mime.filename = nullptr;
+  char* body = me->body_bgn;
+  if (body == nullptr) return;
+  ME* last = me;
+  bool first_block = true;
+  BeginLine line;
+  for (char* from = body; find_begin(body, from, &line);) {
+    char* end_lf = find_end(line.begin);
+    // No "end": stop at once.  Blocks already cut end the chain there; the
+    // entity that followed the text is not linked back.
+    if (end_lf == nullptr) return;
+    *line.begin = '\0';
+    *end_lf = '\0';
+
+    ME* block = static_cast<ME*>(mime_alloc(decode_info, sizeof(ME)));
+    block->h = static_cast<ME_HEADER*>(mime_alloc(decode_info, sizeof(ME_HEADER)));
+    last->next = block;
+    last = block;
+    MIME_HEADER& mime = block->h->mime;
+    mime.ctype = MIME_CT_OTHER;
+    mime.enc_type = MIME_ENC_NONE;
+    *line.lf = '\0';
+    if (line.lf > line.name && line.lf[-1] == '\r') line.lf[-1] = '\0';
+    block->header_bgn = line.begin;
+    block->header_end = line.lf;
+    block->body_bgn = line.lf + 1;
+    mime.filename = line.name;
+
+    me->h->mime.filename = nullptr;
+    mime_next_file_id(&mime, decode_info);
+    decode_info->result.me_info._attachment |= 1;
+    mime.filename = japanese_name(unquote(mime.filename), me->h->mime.charset, decode_info);
+
+    block->datalen = MTX_UUDec(block->body_bgn);
+    block->body_end = block->body_bgn + block->datalen;
+    block->ent_offset = static_cast<tm_off_t>(line.begin - decode_info->data);
+    block->ent_len = static_cast<tm_off_t>(end_lf - line.begin + 5);
+    if (first_block) me->datalen = static_cast<int>(line.begin - me->body_bgn);
+    first_block = false;
+
+    const char* type = mime_type_checking(reinterpret_cast<unsigned char*>(block->body_bgn), block->datalen,
+                                          reinterpret_cast<unsigned char*>(mime.filename));
+    mime.ctype_str = mime_strndup(decode_info, type, strlen(type));
+    fill_mime_header_ctype(block->h);
+    from = end_lf + 5;  // inside the "\nend\n" or "\nend\r\n" just found
+  }
+  last->next = former_next;
+}
