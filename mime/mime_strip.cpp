@@ -14,6 +14,14 @@ namespace {
 // End of the message being walked (its terminating NUL).
 char* s_pcDataEnd = nullptr;
 
+// The furthest entity start the walk has reached.  A multipart whose part
+// ran off without a further delimiter searches again from that part's
+// start, and may meet delimiter lines that a deeper multipart already cut
+// into entities; starting a part there again would walk the same text a
+// second time (and decode it twice in place), and with one boundary shared
+// by many unclosed levels the work would double with every level.
+char* s_pcWalked = nullptr;
+
 // Embedded messages nest at most this deep; the entity at the limit keeps
 // its header block only.
 constexpr int kMaxMessageLevel = 9;
@@ -23,6 +31,13 @@ constexpr int kMaxMessageLevel = 9;
 // comes near it.
 constexpr int kMaxMultipartDepth = 200;
 int s_nMultipartDepth = 0;
+
+struct DepthGuard {
+  DepthGuard() { ++s_nMultipartDepth; }
+  ~DepthGuard() { --s_nMultipartDepth; }
+  DepthGuard(const DepthGuard&) = delete;
+  DepthGuard& operator=(const DepthGuard&) = delete;
+};
 
 constexpr char kTextPlain[] = "text/plain";
 constexpr char kRfc822[] = "message/rfc822";
@@ -98,41 +113,40 @@ char* strip_multipart(ME* me, int curr_level, MIME_DECODE* decode_info) {
   ME* child = new_entity(decode_info);
   me->child = child;
 
-  ++s_nMultipartDepth;
-  char* result = nullptr;
+  DepthGuard depth;
   for (;;) {
     child->body_bgn = start;
     char* resumed = mime_strip_parse(child, boundary, rule.isrfc822, rule.default_type, decode_info, curr_level);
     char* from = resumed != nullptr ? std::max(start, resumed) : start;
-    char* d = mime_boundary_find(from, s_pcDataEnd, boundary, b_size);
-    if (d == nullptr) {
-      decode_info->error_code |= MIME_ERR_NO_CLOSE_BOUNDARY;
-      if (child->body_end == nullptr) child->body_end = s_pcDataEnd;
-      break;
-    }
-    if (child->body_end == nullptr) child->body_end = d;
-    char* q = std::min(after_line_break(d) + 2 + b_size, s_pcDataEnd);
-    if (q[0] == '-' && q[1] == '-') {
-      // A closing delimiter.  One ended by CR LF leaves the result on the
-      // LF: the CR alone is stepped over.  Callers rely on it.
-      char* e = q + 2;
-      if (*e == '\0') {
-        result = e;
-        break;
+    char* next_start = nullptr;
+    while (next_start == nullptr) {
+      char* d = mime_boundary_find(from, s_pcDataEnd, boundary, b_size);
+      if (d == nullptr) {
+        decode_info->error_code |= MIME_ERR_NO_CLOSE_BOUNDARY;
+        if (child->body_end == nullptr) child->body_end = s_pcDataEnd;
+        return nullptr;
       }
-      if (is_line_break(*e)) {
-        result = e + 1;
-        break;
+      if (child->body_end == nullptr) child->body_end = d;
+      char* q = std::min(after_line_break(d) + 2 + b_size, s_pcDataEnd);
+      if (q[0] == '-' && q[1] == '-') {
+        // A closing delimiter.  One ended by CR LF leaves the result on the
+        // LF: the CR alone is stepped over.  Callers rely on it.
+        char* e = q + 2;
+        if (*e == '\0') return e;
+        if (is_line_break(*e)) return e + 1;
+        // "--" followed by anything else does not close the multipart.
       }
-      // "--" followed by anything else does not close the multipart.
+      next_start = after_line_break(q);
+      if (next_start <= s_pcWalked) {
+        next_start = nullptr;
+        from = s_pcWalked;
+      }
     }
     ME* next = new_entity(decode_info);
     child->next = next;
     child = next;
-    start = after_line_break(q);
+    start = next_start;
   }
-  --s_nMultipartDepth;
-  return result;
 }
 
 // A transfer-encoded embedded message is kept whole: its decoded text goes
@@ -209,6 +223,7 @@ void parse_header_up_to_end(ME* me, int isrfc822, const char* default_type, MIME
 void mime_strip(ME* me, MIME_DECODE* decode_info) {
   s_pcDataEnd = decode_info->result.me_node.body_end;  // untouched since mime_decode_init
   s_nMultipartDepth = 0;
+  s_pcWalked = nullptr;
   char* last = nullptr;
   for (;;) {
     char* p = mime_strip_parse(me, nullptr, 1, decode_info->result.me_info.default_type, decode_info, 0);
@@ -230,6 +245,7 @@ void mime_strip(ME* me, MIME_DECODE* decode_info) {
 char* mime_strip_parse(ME* me, char* p_boundary, int isrfc822, const char* default_type,
                        MIME_DECODE* decode_info, int curr_level) {
   me->header_bgn = me->body_bgn;
+  if (me->header_bgn > s_pcWalked) s_pcWalked = me->header_bgn;
   if (!find_header_end(me)) {
     // All the text up to the entity's end is header; body_bgn stays at the
     // start of the last line.
