@@ -291,10 +291,10 @@ TEST(DecodeHeader, FieldsDecodedInPlace) {
 
   EXPECT_EQ(decode_header(me->h, me->h->mime.charset_str, 16, nullptr), 1);
   EXPECT_STREQ(*slot, "\xa4\xa4\xa4\xe5");
-  EXPECT_EQ(subject->ent_len, 4);
+  EXPECT_EQ(subject->ent_len, 5);  // counts the terminator, as when the block was split
   EXPECT_EQ(subject->ent_charset, MLG_BIG5);
   EXPECT_STREQ(to->ent_ptr, "a@b.c,c@d.e");
-  EXPECT_EQ(to->ent_len, 11);
+  EXPECT_EQ(to->ent_len, 12);
   EXPECT_EQ(to->ent_charset, MLG_UTF8);  // the entity's own charset
   EXPECT_STREQ(plain->ent_ptr, "plain =? text");
   EXPECT_EQ(plain->ent_charset, MLG_UTF8);

@@ -197,7 +197,7 @@ TEST(Run, CharsetsAndTheRootRefill) {
 
 TEST(Run, HeaderWordsDecodeOnlyWithBit0x20) {
   const char msg[] = "Subject: =?utf-8?B?w6l0w6k=?=\nFrom: =?iso-8859-1?Q?Andr=E9?= <a@x>\n\nbody";
-  Decoded on(msg, generalME);
+  Decoded on(msg, mailerdME);  // decoded, not converted
   GET_RFC822_HEADER g;
   mime_get_rfc822_header(&on.ctx(), &g);
   EXPECT_STREQ("\xC3\xA9t\xC3\xA9", g.subject);
@@ -205,6 +205,14 @@ TEST(Run, HeaderWordsDecodeOnlyWithBit0x20) {
   EXPECT_STREQ("=?iso-8859-1?Q?Andr=E9?= <a@x>", g.from_raw);
   EXPECT_EQ(MLG_UTF8, on.root()->h->he->ent_charset);
   EXPECT_EQ(MLG_ISO8859_1, on.root()->h->he->next->ent_charset);
+
+  // With 0x400 the fields are converted to UTF-8 and the part says so.
+  Decoded utf8(msg, generalME);
+  mime_get_rfc822_header(&utf8.ctx(), &g);
+  EXPECT_STREQ("Andr\xC3\xA9 <a@x>", g.from);
+  EXPECT_EQ(MLG_UTF8, utf8.root()->h->he->next->ent_charset);
+  EXPECT_STREQ("utf-8", utf8.root()->h->mime.charset_str);
+  EXPECT_EQ(MIME_CS_UTF8, utf8.root()->h->mime.charset);
 
   MIME_DECODE level = generalME;
   level.decode_level &= ~MIME_DL_HEADERS;
