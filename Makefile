@@ -6,7 +6,7 @@ BUILD ?= build
 TEST_BUILD ?= build-asan
 BENCH_BUILD ?= build-bench
 
-DEB_PACKAGES := cmake g++ make pkg-config libgtest-dev libgmock-dev libbenchmark-dev python3 tnef binutils
+DEB_PACKAGES := cmake g++ make pkg-config libgtest-dev libgmock-dev libbenchmark-dev python3 tnef binutils media-types
 
 .PHONY: all deps build demo test bench install clean
 
@@ -33,7 +33,8 @@ demo: build
 test: deps
 	cmake -S . -B $(TEST_BUILD) -DCMAKE_BUILD_TYPE=RelWithDebInfo -DTARN_SANITIZE=ON -DTARN_TESTS=ON >/dev/null
 	cmake --build $(TEST_BUILD) -j $(JOBS)
-	cd $(TEST_BUILD) && ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 \
+	cd $(TEST_BUILD) && TARN_APACHE_MAGIC="$$(bash $(CURDIR)/tools/fetch-test-data.sh $$PWD/testdeps)" \
+	  ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 \
 	  ctest --output-on-failure -j $(JOBS)
 
 bench: deps
