@@ -6,7 +6,7 @@ BUILD ?= build
 TEST_BUILD ?= build-asan
 BENCH_BUILD ?= build-bench
 
-DEB_PACKAGES := cmake g++ make pkg-config libgtest-dev libgmock-dev libbenchmark-dev python3 tnef binutils media-types
+DEB_PACKAGES := cmake g++ make pkg-config libgtest-dev libgmock-dev libbenchmark-dev python3 tnef binutils media-types bison
 
 .PHONY: all deps build demo test bench install clean
 
