@@ -13,7 +13,14 @@ constexpr char kUsage[] =
     "\n"
     "commands:\n"
     "  tree FILE [--preset imap|general|msgread|mailerd]\n"
-    "      decode a message (\"-\": standard input) and print its entity tree\n";
+    "      decode a message (\"-\": standard input) and print its entity tree\n"
+    "  parts FILE [--preset imap|general|msgread|mailerd] [--extract DIR]\n"
+    "             [--magic FILE] [--mime-types FILE]\n"
+    "      decode a message (default preset msgread) and list its named parts,\n"
+    "      one line each, tab-separated: file id, name, content type, decoded\n"
+    "      size, SHA-256 of the decoded bytes; --extract writes them into DIR\n"
+    "      (a name already there becomes \"NAME (2).EXT\", ...); --magic and\n"
+    "      --mime-types choose the type tables (default: the installed ones)\n";
 
 }  // namespace
 
@@ -25,6 +32,7 @@ int main(int argc, char** argv) {
   std::string command = argv[1];
   std::vector<std::string> args(argv + 2, argv + argc);
   if (command == "tree") return tarntool::cmd_tree(args);
+  if (command == "parts") return tarntool::cmd_parts(args);
   if (command == "-h" || command == "--help" || command == "help") {
     fputs(kUsage, stdout);
     return 0;
