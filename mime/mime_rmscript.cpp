@@ -88,6 +88,13 @@ class BoundedOut {
       pos_ += n;
     }
   }
+  // A run of text byte by byte: what does not fit is dropped.
+  void copy(const char* s, size_t n) {
+    if (pos_ + 1 >= cap_) return;
+    n = std::min(n, cap_ - 1 - pos_);
+    std::memcpy(dst_ + pos_, s, n);
+    pos_ += n;
+  }
   void finish() {
     if (pos_ < cap_) dst_[pos_] = '\0';
   }
@@ -249,8 +256,15 @@ extern "C" TARNMAIL_API int remove_script_block(const char* pszInput, int nInput
   CloseFinder close(end);
   int result = 0;
   while (p < end) {
+    if (*p != '<') {
+      const char* lt = static_cast<const char*>(std::memchr(p, '<', static_cast<size_t>(end - p)));
+      const char* run_end = lt != nullptr ? lt : end;
+      out.copy(p, static_cast<size_t>(run_end - p));
+      p = run_end;
+      continue;
+    }
     int idx;
-    if (*p != '<' || !tag_match(p, static_cast<size_t>(end - p), nFlags, &idx)) {
+    if (!tag_match(p, static_cast<size_t>(end - p), nFlags, &idx)) {
       out.put(*p++);
       continue;
     }
