@@ -105,23 +105,6 @@ TEST(DispPresets, EachPresetHoldsItsRowAndTheCommonValuesAndNothingElse) {
   }
 }
 
-TEST(DispPresets, FieldsLieWhereCCallersExpectThem) {
-  // A few anchors of the record's layout: the leading fields, the text
-  // arrays' sizes, and the trailing arena pointer.
-  EXPECT_EQ(offsetof(MIME_DISP, preview_type), 0u);
-  EXPECT_EQ(sizeof(MIME_DISP::preview_type), 256u);
-  EXPECT_EQ(sizeof(MIME_DISP::logo_url), 124u);
-  EXPECT_EQ(sizeof(MIME_DISP::downfile_arg), 16u);
-  EXPECT_EQ(sizeof(MIME_DISP::attFileDir1), 5u);
-  EXPECT_EQ(sizeof(fileCID::ext), 28u);
-  EXPECT_LT(offsetof(MIME_DISP, logo_url), offsetof(MIME_DISP, MIME_ptr));
-  EXPECT_LT(offsetof(MIME_DISP, nTotalBytesRetrict), offsetof(MIME_DISP, pcOutBuf));
-  EXPECT_LT(offsetof(MIME_DISP, pcOutBuf), offsetof(MIME_DISP, nResultSize));
-  EXPECT_LT(offsetof(MIME_DISP, nResultSize), offsetof(MIME_DISP, pcResult));
-  EXPECT_EQ(offsetof(attShow, form), 128u);
-  EXPECT_EQ(offsetof(attShow, nDefCset), 384u);
-}
-
 // A context whose every field the set-up calls might touch holds a value.
 MIME_DISP dirty_context() {
   static char var[] = "v";
