@@ -15,5 +15,6 @@
 #include "tarnmail/encword.h"
 #include "tarnmail/magic.h"
 #include "tarnmail/tnef.h"
+#include "tarnmail/disp.h"
 
 #endif /* TARNMAIL_H */
