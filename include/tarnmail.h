@@ -16,5 +16,8 @@
 #include "tarnmail/magic.h"
 #include "tarnmail/tnef.h"
 #include "tarnmail/disp.h"
+#include "tarnmail/filter.h"
+#include "tarnmail/address.h"
+#include "tarnmail/date.h"
 
 #endif /* TARNMAIL_H */
