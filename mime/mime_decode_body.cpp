@@ -166,7 +166,10 @@ void name_after_subject(ME* me, MIME_DECODE* decode_info) {
   mime.filename = name;
 }
 
-// Steps for one entity; returns the entity the walk goes on with.
+// Steps for one entity; returns the entity the walk goes on with: the
+// next one as it stood before the entity was worked on (uuencoded blocks
+// cut out of its text are not walked again), or, for a TNEF body, what
+// the expansion says.
 ME* decode_entity(ME* me, MIME_DECODE* decode_info) {
   ME* next = me->next;
   fill_extent(me, decode_info);
@@ -179,10 +182,7 @@ ME* decode_entity(ME* me, MIME_DECODE* decode_info) {
     if (me->body_end != nullptr) *me->body_end = '\0';
     if (!is_multipart(mime)) decode_transfer(me, decode_info);
     settle_charset(me, decode_info);
-    if ((level & MIME_DL_UUE_IN_TEXT) && is_text(mime)) {
-      OLD_UUE_DECODE(me, decode_info);
-      next = me->next;
-    }
+    if ((level & MIME_DL_UUE_IN_TEXT) && is_text(mime)) OLD_UUE_DECODE(me, decode_info);
   }
   if (level & MIME_DL_HEADERS) decode_headers(me, decode_info);
   get_filename(&mime, decode_info);
