@@ -21,9 +21,11 @@ bool is_multipart(const MIME_HEADER& mime) { return has_prefix(mime.ctype_str, "
 bool is_text(const MIME_HEADER& mime) { return has_prefix(mime.ctype_str, "text", 4); }
 bool jp_conversion(const MIME_DECODE* decode_info) { return (decode_info->auto_convert & 1) != 0; }
 
-// Offsets and lengths of an entity, filled on its first visit.
+// Offsets and lengths of an entity, filled on its first visit.  The files
+// of a TNEF body come with both filled (their text lies in the arena, not
+// in the caller's buffer): an offset of 0 is then their real place.
 void fill_extent(ME* me, MIME_DECODE* decode_info) {
-  if (me->ent_offset == 0 && me->header_bgn != nullptr)
+  if (me->ent_offset == 0 && me->ent_len == 0 && me->header_bgn != nullptr)
     me->ent_offset = static_cast<tm_off_t>(me->header_bgn - decode_info->data);
   if (me->ent_len == 0 && me->body_end != nullptr && me->body_bgn != nullptr && me->header_bgn != nullptr) {
     me->datalen = static_cast<int>(me->body_end - me->body_bgn);
