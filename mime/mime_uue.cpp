@@ -97,7 +97,10 @@ void OLD_UUE_DECODE(ME* me, MIME_DECODE* decode_info) {
 
     block->datalen = MTX_UUDec(block->body_bgn);
     block->body_end = block->body_bgn + block->datalen;
-    block->ent_offset = static_cast<tm_off_t>(line.begin - decode_info->data);
+    // The text's own offset plus the way into it: the position of "begin"
+    // in the message, and still a sound number when the text is a TNEF
+    // file in the arena.
+    block->ent_offset = me->ent_offset + static_cast<tm_off_t>(line.begin - me->header_bgn);
     block->ent_len = static_cast<tm_off_t>(end_lf - line.begin + 5);
     if (first_block) me->datalen = static_cast<int>(line.begin - me->body_bgn);
     first_block = false;
