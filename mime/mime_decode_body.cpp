@@ -196,8 +196,10 @@ ME* decode_entity(ME* me, MIME_DECODE* decode_info) {
 
 }  // namespace
 
+// An empty body is still asked about: its name may tell the type.
 void retyping(MIME_HEADER* mime, const char* body, int len) {
-  if (!has_prefix(mime->ctype_str, "application/octet-stream", 24) || body == nullptr || len <= 0) return;
+  if (!has_prefix(mime->ctype_str, "application/octet-stream", 24)) return;
+  if (body == nullptr || len < 0) len = 0;
   const char* type = mime_type_checking(reinterpret_cast<const unsigned char*>(body), len,
                                         reinterpret_cast<const unsigned char*>(mime->filename));
   if (type == nullptr) return;
