@@ -221,6 +221,24 @@ TARNPLAT_API void MSHM_FileFree(char* pContent, size_t nSize);
  * result into pszDst (bounded by nzDst) and returns pszDst. */
 TARNPLAT_API char* MSYS_RootPath(const char* pszPath, char* pszDst, size_t nzDst);
 
+/* ------------------------------------------------------------------------
+ * Time.  strftime-style formatting into a bounded buffer: a text that does
+ * not fit is cut to nzBuf - 1 bytes.  Both return pszBuf, or NULL (with ""
+ * in the buffer when there is one) when pszBuf or pszFormat is NULL, nzBuf
+ * is 0 or the time cannot be broken down.
+ * ---------------------------------------------------------------------- */
+#include <time.h>
+/* *pnTime (now when pnTime is NULL) in the process's local time. */
+TARNPLAT_API char* MTM_ToStr2(char* pszBuf, size_t nzBuf, const char* pszFormat, const time_t* pnTime);
+/* nTime in the zone a user chose in pszTimezone: an offset east of UTC
+ * ("+0800", "-05:30", "+8", "GMT+8", "UTC-03:30"; "GMT" and "UTC" are 0),
+ * or a zone name of the C library ("Asia/Taipei", "EST5EDT").  NULL or ""
+ * means the process's local time, and so does a name that holds anything
+ * but letters, digits and / _ - + , . < > (or starts with "/" or holds
+ * "..").  With an offset, %Z gives "GMT+08:00". */
+TARNPLAT_API char* MTM_UTC2LocalStr_s(char* pszBuf, size_t nzBuf, const char* pszFormat, time_t nTime,
+                                      const char* pszTimezone);
+
 #ifdef __cplusplus
 }
 #endif
