@@ -204,6 +204,82 @@ TARNPLAT_API char* MUC_UTF82UTF7(const char* pszText);
 TARNPLAT_API char* MUC_UTF16LE2UTF8(const void* pvText, size_t nLen);
 
 /* ------------------------------------------------------------------------
+ * CGI and files.  Request variables come from QUERY_STRING and, once the
+ * program hands it over, from an application/x-www-form-urlencoded POST
+ * body; both are parsed when a variable is first asked for and again
+ * whenever QUERY_STRING changes.  Names are compared case-sensitively;
+ * '+' and "%XX" are decoded in names and values (a value is cut at a
+ * decoded NUL); the first occurrence of a name wins, the query string
+ * before the POST body.  Single-threaded, like the CGI programs.
+ * ---------------------------------------------------------------------- */
+#include <sys/stat.h>
+/* Value of the request variable pszName, or NULL when the request has no
+ * such variable ("" when it has one without a value).  The text stays
+ * valid until the request changes (a new QUERY_STRING or POST body). */
+TARNPLAT_API const char* MCGI_VarStrGet(const char* pszName);
+/* Hands over the request's POST body (nLen bytes, copied; NULs allowed and
+ * read as separators).  NULL forgets the body.  Returns 0, or -1 when the
+ * copy cannot be made (the old body is forgotten then too). */
+TARNPLAT_API int MCGI_SetPostBody(const char* pBody, size_t nLen);
+
+/* stat(2): 0 and *pstStat filled, or -1 (errno set; EINVAL for NULL). */
+TARNPLAT_API int MFS_Stat(const char* pszPath, struct stat* pstStat);
+/* open(2) with this system's O_* flags (O_CLOEXEC is always added) and
+ * permission bits; returns the descriptor, or -1 (errno set).  Close it
+ * with close(2). */
+TARNPLAT_API int MIO_Open(const char* pszPath, int nFlags, int nMode);
+
+/* ------------------------------------------------------------------------
+ * Escaping.  A NULL text reads as "".  The calls ending in _s return a
+ * string they keep themselves (never free() it): each call keeps its last
+ * eight results, per thread, so several can stand in one print; a result
+ * stays valid until the same call has been made eight more times.  The
+ * bounded calls write at most nzDst - 1 bytes and a terminator, never cut
+ * an escape in half, and return the length written (-1 without a
+ * destination).
+ * ---------------------------------------------------------------------- */
+/* Escape modes of MSTR_Escape. */
+#define MSTR_ESC_HTML 1   /* as MSTR_HTMLEscape_s */
+#define MSTR_ESC_URI  2   /* as MSTR_URIEscape */
+#define MSTR_ESC_JS   12  /* a JavaScript string literal, see MSTR_JSEscape */
+
+/* & < > " ' as "&amp;" "&lt;" "&gt;" "&quot;" "&#39;"; safe in text and in
+ * quoted attribute values. */
+TARNPLAT_API const char* MSTR_HTMLEscape_s(const char* pszStr);
+/* Every byte but A-Z a-z 0-9 - _ . ~ as %XX (upper-case hex). */
+TARNPLAT_API int MSTR_URIEscape(const char* pszSrc, char* pszDst, size_t nzDst);
+TARNPLAT_API const char* MSTR_URIEscapeStr(const char* pszStr);
+/* pszIn escaped by nMode into pszOut.  nCharset (an MLG value, 0: byte by
+ * byte) keeps multibyte characters whole in the JavaScript mode.  -1 for an
+ * unknown mode. */
+TARNPLAT_API int MSTR_Escape(const char* pszIn, char* pszOut, size_t nzOut, int nMode, int nCharset);
+/* For a JavaScript string between single or double quotes, in a script
+ * element or an event attribute: backslash as "\\", LF, CR and tab as
+ * "\n" "\r" "\t", the quotes, < > & / and other control bytes as "\xHH",
+ * U+2028 and U+2029 (UTF-8) as "\u2028" "\u2029"; byte by byte. */
+TARNPLAT_API int MSTR_JSEscape(const char* pszSrc, char* pszDst, size_t nzDst);
+/* The text without bidirectional embedding, override and isolate controls
+ * (U+202A..U+202E, U+2066..U+2069): their UTF-8 bytes when nCharset is
+ * MLG_UTF8 or 0, and their numeric character references in any charset. */
+TARNPLAT_API const char* MSTR_RLORemove_s(const char* pszStr, int nCharset);
+/* Reduces nSrcLen bytes of HTML (fewer at a NUL) to plain text: tags,
+ * comments, script, style and title elements removed; <br> and the ends of
+ * blocks as line feeds; white space runs as one space outside <pre>; the
+ * references &lt; &gt; &amp; &quot; &apos; &nbsp; (as a space) and numeric
+ * ones decoded where the charset nCharset (MLG value; MLG_JAPANESE follows
+ * ISO-2022-JP escapes) can hold the character.  pszDst must hold nSrcLen + 1
+ * bytes and may be pszSrc itself.  Returns the text's length (also stored
+ * through pnDstLen when not NULL), or -1. */
+TARNPLAT_API int MSTR_HtmlTagRemove(const char* pszSrc, int nSrcLen, char* pszDst, int* pnDstLen, int nCharset);
+/* The length of the numeric character reference that pszStr begins with
+ * ("&#233;", "&#x20AC;", up to U+10FFFF, ';' required), or 0.  Named
+ * references are not counted.  nFlag is reserved (pass 0). */
+TARNPLAT_API int MUC_IsUnicodeEnt(const char* pszStr, int nFlag);
+/* MLG_SafeFileName without a length limit, for a name that goes into a
+ * link's path. */
+TARNPLAT_API const char* MLG_SafeFileName_s(const char* pszName, int nCharset);
+
+/* ------------------------------------------------------------------------
  * Files.
  * ---------------------------------------------------------------------- */
 /* Reads a whole file, shared between processes through the page cache
