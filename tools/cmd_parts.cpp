@@ -12,6 +12,7 @@
 #include <functional>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "sha256.h"
 #include "tool.h"
@@ -210,20 +211,37 @@ struct Walk {
            m != nullptr ? field(m->filename).c_str() : "-");
   }
 
-  bool visit(const ME* me, const std::string& parent) {
-    int n = 1;
-    for (; me != nullptr; me = me->next, ++n) {
-      std::string path = parent.empty() ? std::to_string(n) : parent + "." + std::to_string(n);
-      if (options.all_leaves) {
-        if (me->child == nullptr && options.dump_leaf.empty()) leaf(me, path);
-        if (me->child == nullptr && options.dump_leaf == path) {
-          Body body = body_of(me);
-          fwrite(body.data, 1, body.len, stdout);
-        }
-      } else if (!named(me)) {
-        return false;
+  bool entity(const ME* me, const std::string& path) {
+    if (!options.all_leaves) return named(me);
+    if (me->child != nullptr) return true;
+    if (options.dump_leaf.empty()) {
+      leaf(me, path);
+    } else if (options.dump_leaf == path) {
+      Body body = body_of(me);
+      fwrite(body.data, 1, body.len, stdout);
+    }
+    return true;
+  }
+
+  // Depth first, children before the next sibling, as the engine walks;
+  // an explicit stack, so that no nesting depth can exhaust the call stack.
+  bool visit(const ME* root) {
+    struct Pending {
+      const ME* me;
+      std::string path;
+    };
+    std::vector<Pending> stack{{root, "1"}};
+    while (!stack.empty()) {
+      Pending p = std::move(stack.back());
+      stack.pop_back();
+      if (!entity(p.me, p.path)) return false;
+      if (p.me->next != nullptr) {
+        size_t dot = p.path.rfind('.');
+        size_t head = dot == std::string::npos ? 0 : dot + 1;
+        int n = std::stoi(p.path.substr(head)) + 1;
+        stack.push_back({p.me->next, p.path.substr(0, head) + std::to_string(n)});
       }
-      if (me->child != nullptr && !visit(me->child, path)) return false;
+      if (p.me->child != nullptr) stack.push_back({p.me->child, p.path + ".1"});
     }
     return true;
   }
@@ -320,7 +338,7 @@ int cmd_parts(const std::vector<std::string>& args) {
   mime_decode_run(&ctx);
   Walk walk{message->bytes.data(), static_cast<size_t>(message->size()), o,
             o.extract_dir.empty() ? nullptr : &extractor};
-  bool ok = walk.visit(&ctx.result.me_node, "");
+  bool ok = walk.visit(&ctx.result.me_node);
   mime_decode_shutdown(&ctx);
   return ok ? 0 : 2;
 }
