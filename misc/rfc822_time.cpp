@@ -6,8 +6,9 @@
  * The zone number is worked out as (M * 5) / 3 + M % 60 from the offset M
  * in minutes east.  For whole-hour zones that is the usual HHMM ("+0800",
  * "-0500"); a zone with minutes comes out otherwise (330 minutes east gives
- * "+0580").  Mail already sent and stored carries these numbers, and the
- * date parser reads them back, so they stay as they are.
+ * "+0580", which the date parser refuses).  Mail already sent carries these
+ * numbers, and whatever reads it back expects them, so they stay as they
+ * are.
  */
 #include "tarnmail/date.h"
 
