@@ -74,9 +74,12 @@ void decode_transfer(ME* me, MIME_DECODE* decode_info) {
   }
 }
 
+// A file of a TNEF body (a header record without fields) has a bare type
+// from its content and the charset its name was given at the expansion:
+// that charset stays, so the name is made safe by its own characters.
 void settle_charset(ME* me, MIME_DECODE* decode_info) {
   MIME_HEADER& mime = me->h->mime;
-  if (mime.ctype_str == nullptr) return;
+  if (mime.ctype_str == nullptr || (me->h->he == nullptr && mime.charset_str[0] != '\0')) return;
   mime.charset = strip_charset(mime.ctype_str, decode_info, mime.charset_str, sizeof mime.charset_str);
   if (mime.charset != decode_info->default_enc_cset) decode_info->result.me_info.result_cset = mime.charset;
   if (mime.charset >= MIME_CS_ISO8859_1 && mime.charset <= MIME_CS_ISO8859_4)
