@@ -270,8 +270,8 @@ std::string attr(uint32_t id, const std::string& data) {
   return std::string(1, static_cast<char>(id >> 16 == 6 ? 2 : 1)) + le(id, 4) + le(static_cast<uint32_t>(data.size()), 4) +
          data + le(sum, 2);
 }
-std::string tnef_stream(const std::vector<TnefFile>& files) {
-  std::string s = le(0x223E9F78, 4) + le(0x1234, 2) + attr(0x00069007, le(1252, 4) + le(0, 4));
+std::string tnef_stream(const std::vector<TnefFile>& files, uint32_t codepage = 1252) {
+  std::string s = le(0x223E9F78, 4) + le(0x1234, 2) + attr(0x00069007, le(codepage, 4) + le(0, 4));
   for (const TnefFile& f : files)
     s += attr(0x00069002, le(1, 2) + le(0xFFFFFFFF, 4) + le(0, 4) + le(0, 4)) + attr(0x00018010, f.name + '\0') +
          attr(0x0006800F, f.bytes);
@@ -305,6 +305,17 @@ TEST(Tnef, MessageThatIsATnefBody) {
   EXPECT_EQ(std::string("\x01\x02"), Decoded::body(cafe));
   EXPECT_STREQ("caf\xC3\xA9.bin", cafe->h->mime.filename);  // code page 1252, shown in UTF-8
   EXPECT_STREQ("3A", cafe->h->mime.file_id);
+
+  // Without the UTF-8 display a name keeps its code page, and the part
+  // says which: "\x95\x5C" is one character there, not a separator.
+  const std::string sjis = "Content-Type: application/ms-tnef\nContent-Transfer-Encoding: base64\n\n" +
+                           b64(tnef_stream({{"\x95\x5C.txt", "x"}}, 932));
+  MIME_DECODE level = msgreadME;
+  level.decode_level &= ~MIME_DL_UTF8;
+  Decoded kept(sjis, level);
+  ASSERT_NE(nullptr, kept.root()->child);
+  EXPECT_STREQ("\x95\x5C.txt", kept.root()->child->h->mime.filename);
+  EXPECT_STREQ("shift-jis", kept.root()->child->h->mime.charset_str);
 }
 
 }  // namespace
