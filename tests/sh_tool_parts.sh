@@ -170,6 +170,20 @@ else
   ls -A "$work/long.d" | sed 's/^/    /'
 fi
 
+# Uuencoded blocks whose "begin" lines name nothing: listed with "-" for
+# the name, written as "unnamed", "unnamed (2)".
+printf 'From: a@example.org\nSubject: uu\n\nText.\nbegin 644 \n#:&D*\n`\nend\nMore.\nbegin 644 \n#:&\\*\n`\nend\n' >"$work/unnamed.eml"
+"$tool" parts "$work/unnamed.eml" --extract "$work/unnamed.d" >"$work/got" 2>"$work/err"
+expect_status "--extract of unnamed blocks exits 0" 0 $?
+if [ "$(cut -f2 "$work/got" | tr '\n' ' ')" = "- - " ] && [ "$(cat "$work/unnamed.d/unnamed")" = "hi" ] &&
+   [ "$(cat "$work/unnamed.d/unnamed (2)")" = "ho" ] && [ "$(ls -A "$work/unnamed.d" | wc -l)" -eq 2 ]; then
+  pass "parts without a name are listed as - and written as unnamed"
+else
+  fail "parts without a name are listed as - and written as unnamed"
+  sed 's/^/    /' "$work/got" "$work/err"
+  ls -A "$work/unnamed.d" | sed 's/^/    /'
+fi
+
 # The directory is made when it does not exist; one that cannot be made
 # is an error before anything is listed.
 "$tool" parts "$samples/attachments.eml" --extract "$work/f1/sub" >"$work/out" 2>"$work/err"

@@ -89,9 +89,13 @@ std::string field(const char* s) {
 
 // ---- writing files --------------------------------------------------------
 
+// The file name a part is written under: an empty name (a uuencoded
+// block whose "begin" line names nothing) becomes "unnamed".
+constexpr char kUnnamed[] = "unnamed";
+
 // A name the tool will create inside the directory and nowhere else.
 bool safe_for_directory(std::string_view name) {
-  return !name.empty() && name != "." && name != ".." && name.find('/') == std::string_view::npos;
+  return name != "." && name != ".." && name.find('/') == std::string_view::npos;
 }
 
 // NAME with " (N)" before its extension (the text from the last dot, when
@@ -143,9 +147,8 @@ class Extractor {
   }
 
   bool write(const char* name, Body body) {
-    if (name == nullptr || !safe_for_directory(name))
-      return fail(name == nullptr ? "(no name)" : name, "not a file name inside the directory");
-    const std::string base(name);
+    const std::string base(name == nullptr || *name == '\0' ? kUnnamed : name);
+    if (!safe_for_directory(base)) return fail(base, "not a file name inside the directory");
     for (int n = 1; n < 100000; ++n) {
       std::string candidate = numbered_name(base, n);
       int fd = openat(dir_fd_, candidate.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0644);
