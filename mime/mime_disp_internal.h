@@ -75,4 +75,30 @@ int is_preview_type(const char* ext, const char* ext_list);
 int is_docviewer_type(const char* ext);
 void disp_attachment(ME* me, char* bgn, char* end, MIME_DISP* disp_info);
 
+/* ---- shared by the walk and the saved parts (mime_attach.cpp) ---- */
+
+/* Extension of a saved part as it goes into file names and links: ct2ext
+ * of the content type and file name, every byte but letters, digits and
+ * - _ + turned into "_".  Returns pszExt. */
+char* mime_att_ext(const char* ctype_str, const char* filename, char* pszExt, size_t nzExt);
+/* Passes a text through Filter1 .. Filter5 (each that is set, with 0);
+ * returns the last filter's answer. */
+char* mime_disp_filters(MIME_DISP* disp_info, char* text);
+/* Whether a Content-Disposition value begins with "attachment" (any case). */
+bool mime_is_attachment_disp(const char* contdisp);
+
+/* ---- vCard (mime_vcard.cpp) ---- */
+
+/* Writes the card of a text/x-vcard body; `pszForm` is the vCard form. */
+void disp_vcard(char* pszBody, char* pszForm, MIME_DISP* disp_info);
+
+/* ---- content filters the walk hands bodies to ---- */
+
+extern "C" {
+void text2disp(char* data, MIME_DISP* disp_info);
+void text2disp_filter(char* data, MIME_DISP* disp_info, int filter_flags);
+void html2disp(char* data, char* cbase, MIME_DISP* disp_info);
+void view_html_entity(char* data, char* cbase, MIME_DISP* disp_info);
+}
+
 #endif /* TARNMAIL_MIME_DISP_INTERNAL_H */
