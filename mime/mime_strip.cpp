@@ -50,13 +50,33 @@ size_t header_search_len(const ME* me) {
   return static_cast<size_t>(s_pcDataEnd - me->body_bgn);
 }
 
+// A search to the end of the message that found no empty line, and where
+// its last line started.  Any later search to the end from a byte at or
+// after that start (and not itself on an LF, which would be an empty line)
+// cannot find one either: the walk writes NULs over LFs but never adds one.
+// Remembering this keeps a message of many header-only parts linear.
+char* s_pcNoEmptyLineFrom = nullptr;
+char* s_pcLastLineStart = nullptr;
+
 // Finds the empty line that ends the header block.  On success leaves
 // header_end on the LF that ends the last header line and body_bgn on the
-// body's first byte.
+// body's first byte; on failure body_bgn rests on the last line's start.
 bool find_header_end(ME* me) {
+  char* start = me->body_bgn;
+  const bool to_the_end = start + header_search_len(me) == s_pcDataEnd;
+  if (to_the_end && s_pcNoEmptyLineFrom != nullptr && start >= s_pcNoEmptyLineFrom && *start != '\n') {
+    me->body_bgn = std::max(start, s_pcLastLineStart);
+    return false;
+  }
   for (;;) {
     char* lf = static_cast<char*>(memchr(me->body_bgn, '\n', header_search_len(me)));
-    if (lf == nullptr) return false;
+    if (lf == nullptr) {
+      if (to_the_end && (s_pcNoEmptyLineFrom == nullptr || start < s_pcNoEmptyLineFrom)) {
+        s_pcNoEmptyLineFrom = start;
+        s_pcLastLineStart = me->body_bgn;
+      }
+      return false;
+    }
     me->header_end = lf;
     if (lf[1] == '\n') {
       me->body_bgn = lf + 2;
@@ -224,6 +244,7 @@ void mime_strip(ME* me, MIME_DECODE* decode_info) {
   s_pcDataEnd = decode_info->result.me_node.body_end;  // untouched since mime_decode_init
   s_nMultipartDepth = 0;
   s_pcWalked = nullptr;
+  s_pcNoEmptyLineFrom = s_pcLastLineStart = nullptr;
   char* last = nullptr;
   for (;;) {
     char* p = mime_strip_parse(me, nullptr, 1, decode_info->result.me_info.default_type, decode_info, 0);

@@ -1,5 +1,6 @@
 // tarnmail tree: the entity tree of a message, one line per entity.
 
+#include <cstdint>
 #include <cstdio>
 #include <string>
 
@@ -32,10 +33,25 @@ void put_escaped(const char* s, size_t max = 80) {
   putchar('"');
 }
 
-void print_entity(const ME* me, int depth, const char* data) {
+// Where a pointer of the tree lies: an offset into the message, or
+// "arena" for bodies the engine converted or expanded into its own memory.
+struct Buffer {
+  const char* data;
+  size_t size;
+  void print_position(const char* label, const char* p) const {
+    uintptr_t at = reinterpret_cast<uintptr_t>(p);
+    uintptr_t bgn = reinterpret_cast<uintptr_t>(data);
+    if (p == nullptr) printf(" %s=-", label);
+    else if (at >= bgn && at - bgn <= size) printf(" %s=%zu", label, static_cast<size_t>(at - bgn));
+    else printf(" %s=arena", label);
+  }
+};
+
+void print_entity(const ME* me, int depth, const Buffer& buf) {
   printf("%*s", depth * 2, "");
-  printf("entity offset=%d len=%d datalen=%d header=%td body=%td", me->ent_offset, me->ent_len, me->datalen,
-         me->header_bgn ? me->header_bgn - data : -1L, me->body_bgn ? me->body_bgn - data : -1L);
+  printf("entity offset=%d len=%d datalen=%d", me->ent_offset, me->ent_len, me->datalen);
+  buf.print_position("header", me->header_bgn);
+  buf.print_position("body", me->body_bgn);
   const ME_HEADER* h = me->h;
   if (h == nullptr) {
     puts(" (no header)");
@@ -66,10 +82,10 @@ void print_entity(const ME* me, int depth, const char* data) {
 }
 
 // Depth-first print without recursion along `next` chains.
-void print_tree(const ME* me, int depth, const char* data) {
+void print_tree(const ME* me, int depth, const Buffer& buf) {
   for (; me != nullptr; me = me->next) {
-    print_entity(me, depth, data);
-    if (me->child != nullptr) print_tree(me->child, depth + 1, data);
+    print_entity(me, depth, buf);
+    if (me->child != nullptr) print_tree(me->child, depth + 1, buf);
   }
 }
 
@@ -115,7 +131,7 @@ int cmd_tree(const std::vector<std::string>& args) {
   MIME_DECODE ctx = *preset;
   mime_decode_init(&ctx, message->bytes.data(), message->size(), file.c_str(), nullptr);
   int rc = mime_decode_run(&ctx);
-  print_tree(&ctx.result.me_node, 0, message->bytes.data());
+  print_tree(&ctx.result.me_node, 0, Buffer{message->bytes.data(), static_cast<size_t>(message->size())});
   print_errors(rc);
   mime_decode_shutdown(&ctx);
   return 0;
