@@ -101,9 +101,17 @@ size_t buffer_size(const unsigned char* s, size_t len, const MIME_DISP* d, size_
   const bool links = has(f, T2D_LINK);
   t2d::TokenEnds ends(reinterpret_cast<const char*>(s), d->nTextCharsetVal);
 
+  // Bytes that need a look: those with an extra, line feeds, and ':'
+  // when links are made.
+  std::array<bool, 256> look{};
+  for (int b = 0; b < 256; ++b) look[b] = extra_of[b] != 0;
+  look['\n'] = true;
+  look[':'] = links;
+
   size_t total = len + 1 + kSlack + sign_len;
   for (size_t i = 0; i < len; ++i) {
     const unsigned char b = s[i];
+    if (!look[b]) continue;
     total += extra_of[b];
     if (b == '\n') {
       total += lf_extra;
@@ -152,8 +160,14 @@ class Renderer {
     if (*p != '\r' && *p != '\n') start_of_text(p);
     while (*p != 0) {
       if (!in_ansi_) {
+        // Ordinary bytes are copied as runs; a lone space is ordinary
+        // even when runs of spaces are not.
         const unsigned char* r = p;
-        while (!special_[*r]) ++r;
+        for (;;) {
+          while (!special_[*r]) ++r;
+          if (!(r[0] == ' ' && r[1] != ' ')) break;
+          ++r;
+        }
         out_.put(p, static_cast<size_t>(r - p));
         p = r;
         if (*p == 0) break;
@@ -349,9 +363,11 @@ void text2disp_filter(char* data, MIME_DISP* disp_info, int filter_flags) {
 void printout(char* buf, MIME_DISP* disp_info) {
   if (buf == nullptr || disp_info == nullptr) return;
   MIME_DISP* d = disp_info;
-  std::array<bool, 256> stop{};
-  stop[0] = true;
-  for (char m : {d->mark_begin, d->mark_end, d->Q_mark_begin, d->Q_mark_end}) stop[static_cast<unsigned char>(m)] = true;
+  // The marker bytes, for strcspn: runs between them are printed whole.
+  char markers[5] = {0};
+  size_t n_markers = 0;
+  for (char m : {d->mark_begin, d->mark_end, d->Q_mark_begin, d->Q_mark_end})
+    if (m != '\0' && std::memchr(markers, m, n_markers) == nullptr) markers[n_markers++] = m;
   const char* q_link = d->Q_link != nullptr ? d->Q_link : "";
   const char* q_colour = d->Q_mark_color != nullptr ? d->Q_mark_color : "";
   const char* colour = d->mark_color != nullptr ? d->mark_color : "";
@@ -360,8 +376,8 @@ void printout(char* buf, MIME_DISP* disp_info) {
   const char* run = buf;
   const char* p = buf;
   for (;; ++p) {
+    p += std::strcspn(p, markers);
     const auto b = static_cast<unsigned char>(*p);
-    if (!stop[b]) continue;
     if (p > run) MMIME_Fwrite(d, run, static_cast<size_t>(p - run), 1);
     if (b == 0) return;
     run = p + 1;

@@ -132,15 +132,18 @@ template <typename Sink>
 void js_escape(const char* text, int charset, Sink& out) {
   const auto* p = reinterpret_cast<const unsigned char*>(text);
   while (*p != 0) {
+    // The line separators end a string literal in older engines; their
+    // UTF-8 bytes are looked for also in text of no declared charset.
+    if ((charset == 0 || charset == MLG_UTF8) && p[0] == 0xE2 && p[1] == 0x80 && (p[2] == 0xA8 || p[2] == 0xA9)) {
+      if (!out.put(p[2] == 0xA8 ? "\\u2028" : "\\u2029")) return;
+      p += 3;
+      continue;
+    }
     int n = charset != 0 ? MLG_CharacterLength(reinterpret_cast<const char*>(p), charset) : 1;
     if (n < 1) n = 1;
     bool ok;
     if (n > 1) {
-      const bool separator = n == 3 && p[0] == 0xE2 && p[1] == 0x80 && (p[2] == 0xA8 || p[2] == 0xA9);
-      if (separator)
-        ok = out.put(p[2] == 0xA8 ? "\\u2028" : "\\u2029");
-      else
-        ok = out.put(std::string_view(reinterpret_cast<const char*>(p), static_cast<size_t>(n)));
+      ok = out.put(std::string_view(reinterpret_cast<const char*>(p), static_cast<size_t>(n)));
     } else {
       const unsigned char c = *p;
       switch (c) {
@@ -148,13 +151,8 @@ void js_escape(const char* text, int charset, Sink& out) {
         case '\n': ok = out.put("\\n"); break;
         case '\r': ok = out.put("\\r"); break;
         case '\t': ok = out.put("\\t"); break;
-        case '"': case '\'': case '<': case '>': case '&': case '/': case 0x7F: {
-          const char esc[4] = {'\\', 'x', kHex[c >> 4], kHex[c & 15]};
-          ok = out.put(std::string_view(esc, 4));
-          break;
-        }
         default:
-          if (c < 0x20) {
+          if (c < 0x20 || c == 0x7F || c == '"' || c == '\'' || c == '<' || c == '>' || c == '&' || c == '/') {
             const char esc[4] = {'\\', 'x', kHex[c >> 4], kHex[c & 15]};
             ok = out.put(std::string_view(esc, 4));
           } else {
