@@ -302,22 +302,6 @@ int parse_args(const std::vector<std::string>& args, PartsOptions* o) {
   return 0;
 }
 
-bool readable(const std::string& path) { return access(path.c_str(), R_OK) == 0; }
-
-// The file given, else the installed one when present, else the source
-// tree's.  The engine keeps at most 127 bytes of a path.
-int table_path(const std::string& given, const char* name, std::string* out) {
-  if (!given.empty()) {
-    if (!readable(given)) return usage_error("cannot read " + given + ": " + strerror(errno));
-    *out = given;
-  } else {
-    std::string installed = std::string(TARN_DATADIR) + "/" + name;
-    *out = readable(installed) ? installed : std::string(TARN_SOURCE_DATADIR) + "/" + name;
-  }
-  if (out->size() >= MIMETYPE_PATHSIZE) return usage_error("path too long for the type tables: " + *out);
-  return 0;
-}
-
 }  // namespace
 
 int cmd_parts(const std::vector<std::string>& args) {
@@ -325,15 +309,12 @@ int cmd_parts(const std::vector<std::string>& args) {
   if (int rc = parse_args(args, &o)) return rc;
   const MIME_DECODE* preset = decode_preset(o.preset_name);
   if (preset == nullptr) return usage_error("unknown preset '" + o.preset_name + "'");
-  std::string magic, mime_types;
-  if (int rc = table_path(o.magic_file, "magic", &magic)) return rc;
-  if (int rc = table_path(o.mime_types_file, "mime.types", &mime_types)) return rc;
+  if (int rc = load_type_tables(o.magic_file, o.mime_types_file)) return rc;
   auto message = read_message(o.file);
   if (!message) return 2;
   Extractor extractor;
   if (!o.extract_dir.empty() && !extractor.open_dir(o.extract_dir)) return 2;
 
-  mime_type_init(mime_types.c_str(), magic.c_str());
   MIME_DECODE ctx = *preset;
   if (o.decode_level >= 0) ctx.decode_level = o.decode_level;
   if (o.auto_convert >= 0) ctx.auto_convert = o.auto_convert;

@@ -125,6 +125,7 @@ int cmd_tree(const std::vector<std::string>& args) {
   if (file.empty()) return usage_error("tree needs a FILE (- for standard input)");
   const MIME_DECODE* preset = decode_preset(preset_name);
   if (preset == nullptr) return usage_error("unknown preset '" + preset_name + "'");
+  if (int rc = load_type_tables("", "")) return rc;
   auto message = read_message(file);
   if (!message) return 2;
 

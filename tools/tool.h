@@ -30,6 +30,11 @@ int cmd_parts(const std::vector<std::string>& args);
 
 int usage_error(const std::string& message);
 
+// Points the engine's type tables at the magic and mime.types files: those
+// given, else the installed ones when present, else the source tree's.
+// Returns 0, or 2 after a one-line error.
+int load_type_tables(const std::string& magic_file, const std::string& mime_types_file);
+
 }  // namespace tarntool
 
 #endif

@@ -3,6 +3,8 @@
 #include <cstring>
 #include <string_view>
 
+#include <unistd.h>
+
 #include "tool.h"
 
 namespace tarntool {
@@ -42,6 +44,34 @@ const MIME_DECODE* decode_preset(const std::string& name) {
   for (const Named& p : presets)
     if (p.name == name) return p.preset;
   return nullptr;
+}
+
+namespace {
+
+bool readable(const std::string& path) { return access(path.c_str(), R_OK) == 0; }
+
+// The file given, else the installed one when present, else the source
+// tree's.  The engine keeps at most 127 bytes of a path.
+int table_path(const std::string& given, const char* name, std::string* out) {
+  if (!given.empty()) {
+    if (!readable(given)) return usage_error("cannot read " + given + ": " + strerror(errno));
+    *out = given;
+  } else {
+    std::string installed = std::string(TARN_DATADIR) + "/" + name;
+    *out = readable(installed) ? installed : std::string(TARN_SOURCE_DATADIR) + "/" + name;
+  }
+  if (out->size() >= MIMETYPE_PATHSIZE) return usage_error("path too long for the type tables: " + *out);
+  return 0;
+}
+
+}  // namespace
+
+int load_type_tables(const std::string& magic_file, const std::string& mime_types_file) {
+  std::string magic, mime_types;
+  if (int rc = table_path(magic_file, "magic", &magic)) return rc;
+  if (int rc = table_path(mime_types_file, "mime.types", &mime_types)) return rc;
+  mime_type_init(mime_types.c_str(), magic.c_str());
+  return 0;
 }
 
 int usage_error(const std::string& message) {
