@@ -22,10 +22,8 @@
 
 namespace fs = std::filesystem;
 
-// Stand-ins for the content filters while they are not part of the library.
+// Stand-ins for the HTML rewriter while it is not part of the library.
 extern "C" {
-__attribute__((weak)) void text2disp(char*, MIME_DISP*) {}
-__attribute__((weak)) void text2disp_filter(char*, MIME_DISP*, int) {}
 __attribute__((weak)) void html2disp(char*, char*, MIME_DISP*) {}
 __attribute__((weak)) void view_html_entity(char*, char*, MIME_DISP*) {}
 }
