@@ -4,6 +4,7 @@
 
 #include <cstdlib>
 #include <cstring>
+#include <string_view>
 
 #include "mime_internal.h"
 
@@ -36,19 +37,51 @@ bool parse_begin(char* b, BeginLine* out) {
   return true;
 }
 
+// The body's text as the search sees it.  Everything the cutting writes
+// (NULs, decoded bytes) lies before the next search's start, so the text
+// from there up to `end` stays as it was: searches take the length instead
+// of measuring the rest of the body again each time.
+struct Text {
+  char* body;
+  char* end;  // the body's terminator
+  // Where the next "\nend\n" and "\nend\r\n" stand, once searched for:
+  // blocks ended by CR LF would otherwise each search the whole rest of
+  // the body again for an "end" ended by LF alone.
+  struct Found {
+    char* at = nullptr;
+    bool searched = false;
+  } lf_end, crlf_end;
+};
+
+char* find(char* from, char* end, std::string_view pattern) {
+  if (from >= end) return nullptr;
+  size_t at = std::string_view(from, static_cast<size_t>(end - from)).find(pattern);
+  return at != std::string_view::npos ? from + at : nullptr;
+}
+
 // Next begin line from `from`: one at the body's start or after an LF.
-bool find_begin(char* body, char* from, BeginLine* out) {
-  for (char* b = strstr(from, "begin "); b != nullptr; b = strstr(b + kBegin, "begin ")) {
-    if (b != body && b[-1] != '\n') continue;
+bool find_begin(const Text& text, char* from, BeginLine* out) {
+  for (char* b = find(from, text.end, "begin "); b != nullptr; b = find(b + kBegin, text.end, "begin ")) {
+    if (b != text.body && b[-1] != '\n') continue;
     if (parse_begin(b, out)) return true;
   }
   return false;
 }
 
+// The next `pattern` from `from`, reusing the last answer while it still
+// lies ahead or said there is none (searches only move forward).
+char* find_cached(const Text& text, char* from, const char* pattern, Text::Found* found) {
+  if (!found->searched || (found->at != nullptr && found->at < from)) {
+    found->at = find(from, text.end, pattern);
+    found->searched = true;
+  }
+  return found->at;
+}
+
 // The LF in front of "end" that closes the block begun at `begin`.
-char* find_end(char* begin) {
-  char* e = strstr(begin, "\nend\n");
-  if (e == nullptr) e = strstr(begin, "\nend\r\n");
+char* find_end(Text& text, char* begin) {
+  char* e = find_cached(text, begin, "\nend\n", &text.lf_end);
+  if (e == nullptr) e = find_cached(text, begin, "\nend\r\n", &text.crlf_end);
   return e;
 }
 
@@ -67,9 +100,10 @@ void OLD_UUE_DECODE(ME* me, MIME_DECODE* decode_info) {
   if (body == nullptr) return;
   ME* last = me;
   bool first_block = true;
+  Text text{body, body + strlen(body), {}, {}};
   BeginLine line;
-  for (char* from = body; find_begin(body, from, &line);) {
-    char* end_lf = find_end(line.begin);
+  for (char* from = body; find_begin(text, from, &line);) {
+    char* end_lf = find_end(text, line.begin);
     // No "end": stop at once.  Blocks already cut end the chain there; the
     // entity that followed the text is not linked back.
     if (end_lf == nullptr) return;
