@@ -90,6 +90,15 @@ TEST(Uuencode, BeginLinesThatDoNotCountAndAMissingEnd) {
   EXPECT_EQ(name127, t->next->h->mime.filename);
   EXPECT_EQ("after", Decoded::body(t->next->next));
 
+  // An "end" ended by LF alone is taken first, however far it lies.
+  const std::string crlf = "begin 644 a\n#86)C\n`\nend\r\nbegin 644 b\n" + std::string(kBlock) + "\n";
+  Decoded lf_first(mixed(part("Content-Type: text/plain", crlf)), generalME);
+  t = lf_first.root()->child;
+  ASSERT_NE(nullptr, t->next);
+  EXPECT_EQ("abc", Decoded::body(t->next));
+  EXPECT_EQ(static_cast<int>(crlf.size()), t->next->ent_len);
+  EXPECT_EQ(nullptr, t->next->next);
+
   // A block without "end" stops the cutting: the blocks made end the chain.
   const std::string open = "x\nbegin 644 a.txt\n" + std::string(kBlock) + "\nbegin 644 c.txt\n#86)C\n";
   Decoded cut(mixed(part("Content-Type: text/plain", open) + part("Content-Type: text/plain", "lost")), generalME);
@@ -101,6 +110,22 @@ TEST(Uuencode, BeginLinesThatDoNotCountAndAMissingEnd) {
                      part("Content-Type: text/plain", "kept")),
                generalME);
   EXPECT_EQ("kept", Decoded::body(none.root()->child->next));
+}
+
+// Each block ended by CR LF: none may search the rest of the text again
+// (320,000 blocks would take hours).
+TEST(Uuencode, ManyBlocksEndedByCrLf) {
+  std::string text;
+  const int n = 320000;
+  for (int i = 0; i < n; ++i) text += "begin 644 " + std::to_string(i) + "\n#86)C\n`\nend\r\n";
+  Decoded d("Content-Type: text/plain\n\n" + text, generalME);
+  int blocks = 0;
+  ME* last = nullptr;
+  for (ME* b = d.root()->next; b != nullptr; b = b->next, ++blocks) last = b;
+  EXPECT_EQ(n, blocks);
+  ASSERT_NE(nullptr, last);
+  EXPECT_STREQ("319999", last->h->mime.filename);
+  EXPECT_EQ("abc", Decoded::body(last));
 }
 
 TEST(Retyping, VcardNamesAndOctetStreamsByContent) {
