@@ -5,6 +5,7 @@
 #define TARNMAIL_FILTER_H
 
 #include "tarnmail/api.h"
+#include "tarnmail/disp.h"
 
 #ifdef __cplusplus
 extern "C" {
@@ -36,6 +37,35 @@ TARNMAIL_API int remove_script_block(const char* pszInput, int nInputBufLen, cha
  * '%' are not checked to be hexadecimal digits; a '%' with fewer than two
  * bytes after it is kept as it is.  Always returns 0. */
 TARNMAIL_API int str_html_dec(char* pszStr);
+
+
+/* ------------------------------------------------------------------------
+ * HTML rewriting for display.  Steered by the context's html2disp_flag;
+ * everything goes through the output sink (tarnmail/disp.h).
+ * ---------------------------------------------------------------------- */
+
+/* Writes the HTML body `data` into the page so that it cannot take the page
+ * over: script-like elements dropped, event attributes disabled (onload=
+ * becomes xonload=), document-level elements as placeholder tags, links
+ * into a new window, mailto: links to the compose program, cid: and
+ * Content-Location references as links to the saved parts, external images
+ * blocked.  `data` is rewritten in place (script words defused) and must be
+ * NUL-terminated; the filters Filter1..Filter5 of the context run first.
+ * `cbase`, when not NULL, is written first as "<base href=%s>".  Nothing
+ * happens for a NULL data. */
+TARNMAIL_API void html2disp(char* data, char* cbase, MIME_DISP* disp_info);
+
+/* Writes nothing: with html2disp_flag 0x800, sets is_block_image to 1 when
+ * an img tag of `data` shows a picture that is not a saved part of the
+ * message, stopping at the first. */
+TARNMAIL_API void view_html_entity(char* data, char* cbase, MIME_DISP* disp_info);
+
+/* When *q begins with a URI attribute's name (background, datasrc, href,
+ * longdesc, src, usemap, classid, codebse, data, cite, action, profile,
+ * for; any case), white space, '=', white space, an optional double quote
+ * (which toggles *inquote), an optional single quote and white space:
+ * writes all of that, moves *q to the value and returns 1; else 0. */
+TARNMAIL_API int lookaheadURI(char** q, MIME_DISP* disp_info, int* inquote);
 
 #ifdef __cplusplus
 }
