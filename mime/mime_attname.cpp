@@ -57,11 +57,27 @@ void append_percent_decoded(char* buf, int size, const char* value) {
   buf[fill] = '\0';
 }
 
+// The next single quote, for the charset part of first encoded segments.
+// The search runs to the end of the whole text, so each answer is kept
+// while it still lies ahead: a text of many such segments is read once,
+// not once for each of them.  Only text behind the reading is ever cut.
+struct Quotes {
+  char* from = nullptr;  // where the last search started
+  char* at = nullptr;    // the first quote at or after it; nullptr: none
+  char* next(char* p) {
+    if (from == nullptr || p < from || (at != nullptr && at < p)) {
+      at = strchr(p, '\'');
+      from = p;
+    }
+    return at;
+  }
+};
+
 // The charset part of a first encoded segment: "utf-8''..." names its
 // charset before the second single quote.  Returns where the value starts.
-char* take_charset(char* value, char* csbuf, int cssize) {
-  char* q1 = strchr(value, '\'');
-  char* q2 = q1 != nullptr ? strchr(q1 + 1, '\'') : nullptr;
+char* take_charset(char* value, char* csbuf, int cssize, Quotes* quotes) {
+  char* q1 = quotes->next(value);
+  char* q2 = q1 != nullptr ? quotes->next(q1 + 1) : nullptr;
   if (q2 == nullptr) {
     MSTR_Copy(csbuf, static_cast<size_t>(cssize), value, 0);
     return value;
@@ -195,6 +211,7 @@ char* s_ParamCont(char* pszStr, const char* pszParamName, char* pszBuf, int nBuf
   if (pszStr == nullptr || pszParamName == nullptr || pszBuf == nullptr || nBufSize <= 0) return nullptr;
   const size_t name_len = strlen(pszParamName);
   bool taken = false;
+  Quotes quotes;
   for (char* pos = pszStr;;) {
     char* at = MSTR_LocStrCase(pos, pszParamName, 0);
     if (at == nullptr) return taken ? pszBuf : nullptr;
@@ -214,7 +231,7 @@ char* s_ParamCont(char* pszStr, const char* pszParamName, char* pszBuf, int nBuf
       end = strchr(value, '"');
     } else {
       if (encoded && first && pszCharsetBuf != nullptr && nCharsetBufSize > 0)
-        value = take_charset(value, pszCharsetBuf, nCharsetBufSize);
+        value = take_charset(value, pszCharsetBuf, nCharsetBufSize, &quotes);
       end = strpbrk(value, " \t;\"");
     }
     if (end != nullptr) *end = '\0';
