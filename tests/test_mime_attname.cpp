@@ -88,6 +88,13 @@ TEST(ParamCont, TenMebibyteValues) {
   EXPECT_EQ("b.txt", unencoded.value());  // the segment that does not fit is left out
   Param encoded("attachment; filename*0*=utf-8''" + big + "; filename*1*=b");
   EXPECT_EQ(std::string(511, 'a'), encoded.value());
+
+  // Over a million first segments, each looking for its charset's quotes.
+  std::string many = "attachment";
+  while (many.size() < (10u << 20)) many += "; name*=a";
+  Param segments(many);
+  EXPECT_EQ(std::string(511, 'a'), segments.value());
+  EXPECT_STREQ("a", segments.cs);
 }
 
 // A context with an arena and no message, for the name functions.
