@@ -63,6 +63,19 @@ TEST(Text2Disp, EscapesFollowTheirBitsAndTheDoubledFormsWin) {
   EXPECT_EQ(render("a\r\nb\r", 0), "a\nb");
 }
 
+// The copy looks at sixteen bytes at a time: a special byte must be seen
+// wherever it falls in a block, and a lone space never is one.
+TEST(Text2Disp, SpecialBytesAtEveryPositionOfABlock) {
+  for (size_t k = 0; k < 40; ++k) {
+    const std::string x(k, 'x');
+    const std::string z(k % 7 + 17, 'z');
+    EXPECT_EQ(render(x + "  y " + z + "<" + x + "\n" + z + "  ", T2D_NBSP | T2D_LT | T2D_BR),
+              x + " &nbsp;y " + z + "&lt;" + x + "<br>\n" + z + " &nbsp;")
+        << k;
+    EXPECT_EQ(render(x + "\x1b[0m" + z + "\r" + z, 0), x + z + z) << k;
+  }
+}
+
 TEST(Text2Disp, LineBreaksAndQuotedLineColours) {
   EXPECT_EQ(render("x\n> y", T2D_BR), "x<br>\n<font color=#707070>&gt; y</font>\n");
   EXPECT_EQ(render("x\n> y\nz", T2D_BR), "x<br>\n<font color=#707070>&gt; y</font><br>\nz");
