@@ -57,7 +57,7 @@ bool event_lead(unsigned char c) { return c == '/' || c == ' ' || c < 0x20 || c 
 constexpr unsigned kInTag = 1;
 constexpr unsigned kCssUrl = 2;  // in a style sheet, looking for url( and ')'
 constexpr unsigned kInUrl = 4;
-constexpr unsigned kStates = 8;
+constexpr unsigned kWalkStates = 8;
 
 // An element dropped whole by the walk (the rows of the removal filter).
 struct Dropped {
@@ -129,7 +129,7 @@ class Walker {
 
   void build_tables() {
     std::memset(attention_, 0, sizeof attention_);
-    for (unsigned s = 0; s < kStates; ++s) {
+    for (unsigned s = 0; s < kWalkStates; ++s) {
       const unsigned char bit = static_cast<unsigned char>(1u << s);
       auto mark = [&](std::string_view bytes) {
         for (char c : bytes) attention_[static_cast<unsigned char>(c)] |= bit;
@@ -478,7 +478,7 @@ class Walker {
   TextFinder end_link_, end_head_, end_style_, slash_style_, end_iframe_, end_isindex_;
   char* defused_until_;
   unsigned char attention_[256];
-  bool only_lt_[kStates];  // the state needs attention at '<' alone
+  bool only_lt_[kWalkStates];  // the state needs attention at '<' alone
 };
 
 // Whether a removal pass could remove anything: some '<' followed by the
