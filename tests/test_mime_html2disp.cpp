@@ -52,41 +52,36 @@ class Page {
     return std::string(d.pcResult + before, static_cast<size_t>(d.nResultSize - before));
   }
 
-  // A saved part with a Content-ID ("<" and ">" already gone).
+  // A saved part with a Content-ID ("<" and ">" already gone) or a
+  // Content-Location, appended to its list.
   fileCID& add_cid(const char* cid, const char* fileid, const char* filename, const char* ext, int ctype) {
-    fileCID* n = d._fileCID.cid == nullptr ? &d._fileCID : &cid_nodes.emplace_back();
-    if (n != &d._fileCID) last_cid()->next = n;
-    n->cid = const_cast<char*>(cid);
-    n->fileid = const_cast<char*>(fileid);
-    n->filename = const_cast<char*>(filename);
-    std::snprintf(n->ext, sizeof n->ext, "%s", ext);
-    n->ctype = ctype;
-    return *n;
+    fileCID& n = append(d._fileCID, cid_nodes, d._fileCID.cid != nullptr, fileid, filename, ext, ctype);
+    n.cid = const_cast<char*>(cid);
+    return n;
   }
   fileLOC& add_loc(const char* loc, const char* fileid, const char* filename, const char* ext, int ctype) {
-    fileLOC* n = d._fileLOC.loc == nullptr ? &d._fileLOC : &loc_nodes.emplace_back();
-    if (n != &d._fileLOC) last_loc()->next = n;
-    n->loc = const_cast<char*>(loc);
-    n->fileid = const_cast<char*>(fileid);
-    n->filename = const_cast<char*>(filename);
-    std::snprintf(n->ext, sizeof n->ext, "%s", ext);
-    n->ctype = ctype;
-    return *n;
+    fileLOC& n = append(d._fileLOC, loc_nodes, d._fileLOC.loc != nullptr, fileid, filename, ext, ctype);
+    n.loc = const_cast<char*>(loc);
+    return n;
   }
 
   MIME_DISP d;
   HME hme{};
 
  private:
-  fileCID* last_cid() {
-    fileCID* n = &d._fileCID;
-    while (n->next != nullptr) n = n->next;
-    return n;
-  }
-  fileLOC* last_loc() {
-    fileLOC* n = &d._fileLOC;
-    while (n->next != nullptr) n = n->next;
-    return n;
+  template <typename Node>
+  static Node& append(Node& head, std::deque<Node>& more, bool head_used, const char* fileid, const char* filename,
+                      const char* ext, int ctype) {
+    Node* n = &head;
+    if (head_used) {
+      while (n->next != nullptr) n = n->next;
+      n = n->next = &more.emplace_back();
+    }
+    n->fileid = const_cast<char*>(fileid);
+    n->filename = const_cast<char*>(filename);
+    std::snprintf(n->ext, sizeof n->ext, "%s", ext);
+    n->ctype = ctype;
+    return *n;
   }
   // Stable addresses: the list nodes point at each other.
   std::deque<fileCID> cid_nodes;
@@ -439,21 +434,10 @@ std::map<std::string, std::string> json_strings(const std::string& s) {
           cp = 0x10000 + ((cp - 0xD800) << 10) + (static_cast<unsigned>(std::stoul(s.substr(i + 3, 4), nullptr, 16)) - 0xDC00);
           i += 6;
         }
-        if (cp < 0x80) {
-          str += static_cast<char>(cp);
-        } else if (cp < 0x800) {
-          str += static_cast<char>(0xC0 | (cp >> 6));
-          str += static_cast<char>(0x80 | (cp & 0x3F));
-        } else if (cp < 0x10000) {
-          str += static_cast<char>(0xE0 | (cp >> 12));
-          str += static_cast<char>(0x80 | ((cp >> 6) & 0x3F));
-          str += static_cast<char>(0x80 | (cp & 0x3F));
-        } else {
-          str += static_cast<char>(0xF0 | (cp >> 18));
-          str += static_cast<char>(0x80 | ((cp >> 12) & 0x3F));
-          str += static_cast<char>(0x80 | ((cp >> 6) & 0x3F));
-          str += static_cast<char>(0x80 | (cp & 0x3F));
-        }
+        const int extra = cp < 0x80 ? 0 : cp < 0x800 ? 1 : cp < 0x10000 ? 2 : 3;
+        static const unsigned char kLead[] = {0x00, 0xC0, 0xE0, 0xF0};
+        str += static_cast<char>(kLead[extra] | (cp >> (6 * extra)));
+        for (int k = extra - 1; k >= 0; --k) str += static_cast<char>(0x80 | ((cp >> (6 * k)) & 0x3F));
         continue;
       }
       const char* from = "ntrbf";
