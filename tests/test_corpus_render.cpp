@@ -18,12 +18,6 @@
 #include "mime_disp_internal.h"
 #include "support.h"
 
-// Stand-ins for the HTML rewriter while it is not part of the library.
-extern "C" {
-__attribute__((weak)) void html2disp(char*, char*, MIME_DISP*) {}
-__attribute__((weak)) void view_html_entity(char*, char*, MIME_DISP*) {}
-}
-
 namespace {
 
 namespace fs = std::filesystem;

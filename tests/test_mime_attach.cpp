@@ -22,12 +22,6 @@
 
 namespace fs = std::filesystem;
 
-// Stand-ins for the HTML rewriter while it is not part of the library.
-extern "C" {
-__attribute__((weak)) void html2disp(char*, char*, MIME_DISP*) {}
-__attribute__((weak)) void view_html_entity(char*, char*, MIME_DISP*) {}
-}
-
 namespace {
 
 struct TempDir {
@@ -286,6 +280,25 @@ TEST(Attach, AttachmentListExpansion) {
         "[a%20b.txt|3A|txt|1|P'|RAW|9|DL||N|V1|a\\x27b|P\\x27]"
         "[e.txt|4A|txt|0|P'|RAW|9|DL||N|V1|a\\x27b|P\\x27]",
         s.output());
+  }
+  {
+    // The names through the text renderer: escaped, in a JavaScript
+    // string, and through the filters only.
+    Bound s(msg, tmp.path);
+    char name[] = "a<'b>.txt";
+    s.dec.root()->child->h->mime.filename = name;
+    s.d.text2disp_flag = 0x100;
+    mime_disp_setfilter1(&s.d, [](MIME_DISP*, char* text, int) -> char* {
+      static std::string f;
+      f = std::string("F:") + text;
+      return f.data();
+    });
+    char tags[] = "$filename|$filename_js|$filename_nf|$linkname|$name_js|$charset_val;$$loop";
+    disp_attachment(s.dec.root()->child, tags, std::strstr(tags, "$$loop"), &s.d);
+    EXPECT_EQ("F:a&lt;'b>.txt|F:a\\x26lt;\\x27b\\x3E.txt|a&lt;'b>.txt|F:a&lt;'b>.txt|a%3C%27b%3E.txt|1;"
+              "F:a b.txt|F:a b.txt|a b.txt|F:a b.txt|a%20b.txt|0;"
+              "F:e.txt|F:e.txt|e.txt|F:e.txt|e.txt|0;",
+              s.output());
   }
   {
     // Listing the images shown in the body as well.

@@ -18,12 +18,6 @@
 #include "mime_disp_internal.h"
 #include "support.h"
 
-// Stand-ins for the HTML rewriter while it is not part of the library.
-extern "C" {
-__attribute__((weak)) void html2disp(char*, char*, MIME_DISP*) {}
-__attribute__((weak)) void view_html_entity(char*, char*, MIME_DISP*) {}
-}
-
 namespace {
 
 std::vector<std::string> g_bodies;
@@ -367,6 +361,47 @@ TEST(Ct2Disp, HeadersOnlyAndSkippedEntities) {
     EXPECT_EQ(std::vector<std::string>{"PLAIN"}, g_bodies);
     EXPECT_EQ(1, r.d()._show);
   }
+}
+
+}  // namespace
+
+namespace {
+
+TEST(Ct2Disp, BodiesThroughTheTextRenderer) {
+  {
+    // text2disp_flag 0x20 closes every plain-text body with a line break.
+    Render r("Content-Type: text/plain\n\nx<y");
+    r.d().disp_func = nullptr;
+    r.d().text2disp_flag = 0x120;
+    EXPECT_EQ("x&lt;y<br>\n", r.run());
+  }
+  {
+    // Text mode: the HTML body loses its tags and is shown as text.
+    Render r("Content-Type: text/html\n\n<p>a&amp;b</p><p>c<b>d</b></p>");
+    r.d().disp_func = nullptr;
+    r.d().disp_flag |= MIME_DISP_TEXT_MODE;
+    r.d().text2disp_flag = 0x100;
+    EXPECT_EQ("a&b\ncd\n", r.run());
+  }
+  {
+    // A UTF-7 HTML body on a page that does not convert UTF-7 is reduced
+    // as UTF-8 and handed on in UTF-7 again.
+    Render r("Content-Type: text/html; charset=utf-7\n\n<p>+AKM-</p>");
+    r.d().disp_flag |= MIME_DISP_TEXT_MODE;
+    r.run();
+    EXPECT_EQ(std::vector<std::string>{"+AKM-\n"}, g_bodies);
+  }
+}
+
+TEST(Ct2Disp, HtmlBodyShowsItsImageOnce) {
+  // The HTML body links the image by its Content-ID; the image part below
+  // it is then not embedded a second time.
+  Render r(multipart("related", {"Content-Type: text/html\n\n<p><img src=\"cid:img1@x\"></p>",
+                                 "Content-Type: image/gif; name=\"i.gif\"\nContent-ID: <img1@x>\n\nGIF"}));
+  r.d().disp_func = nullptr;
+  prepare_attachment(r.root(), &r.d());  // what the header block does first
+  EXPECT_EQ("<p><img src=\"/cgi-bin/downfile/P_1I.gif/i.gif\"></p>", r.run());
+  EXPECT_EQ(1, r.d()._fileCID.flag);
 }
 
 }  // namespace
