@@ -112,8 +112,8 @@ TEST(Uuencode, BeginLinesThatDoNotCountAndAMissingEnd) {
   EXPECT_EQ("kept", Decoded::body(none.root()->child->next));
 }
 
-// Each block ended by CR LF: none may search the rest of the text again
-// (320,000 blocks would take hours).
+// Blocks ended by CR LF: a search of the whole rest of the text for each
+// of them would turn this second into many minutes.
 TEST(Uuencode, ManyBlocksEndedByCrLf) {
   std::string text;
   const int n = 320000;
