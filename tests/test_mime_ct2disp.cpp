@@ -404,4 +404,22 @@ TEST(Ct2Disp, HtmlBodyShowsItsImageOnce) {
   EXPECT_EQ(1, r.d()._fileCID.flag);
 }
 
+TEST(Ct2Disp, ManyPartsAndDeepNesting) {
+  {
+    std::vector<std::string> parts(20000, "Content-Type: text/plain\n\np");
+    Render r(multipart("mixed", parts));
+    r.run();
+    EXPECT_EQ(20000u, g_bodies.size());
+  }
+  {
+    std::string msg = "Content-Type: text/plain\n\ndeep";
+    for (int i = 0; i < 150; ++i)
+      msg = "Content-Type: multipart/mixed; boundary=\"L" + std::to_string(i) + "\"\n\n--L" + std::to_string(i) + "\n" +
+            msg + "\n--L" + std::to_string(i) + "--\n";
+    Render r(msg);
+    r.run();
+    EXPECT_EQ(std::vector<std::string>{"deep"}, g_bodies);
+  }
+}
+
 }  // namespace
