@@ -280,6 +280,28 @@ TARNPLAT_API int MUC_IsUnicodeEnt(const char* pszStr, int nFlag);
 TARNPLAT_API const char* MLG_SafeFileName_s(const char* pszName, int nCharset);
 
 /* ------------------------------------------------------------------------
+ * User settings.  The settings of the user a page is made for ("Timezone"
+ * and the like), held for the process: the CGI program loads the user's
+ * profile once it knows who the user is.  Names are compared
+ * case-sensitively.  Single-threaded, like the CGI programs.
+ * ---------------------------------------------------------------------- */
+/* Loads a profile file as the user's settings, replacing any earlier ones:
+ * one "Name=Value" a line, blanks around name and value trimmed, empty
+ * lines, lines starting with "#" and lines without "=" skipped; a later
+ * line for a name wins.  NULL forgets the profile.  Returns 0, or -1 when
+ * the file cannot be read (no profile is configured then). */
+TARNPLAT_API int MUPRF_GlobalLoad(const char* pszPath);
+/* Sets one setting, configuring an empty profile first when none is; a
+ * NULL value removes the setting.  Returns 0, or -1 for a NULL or empty
+ * name (or when no memory is left). */
+TARNPLAT_API int MUPRF_GlobalSetStr(const char* pszName, const char* pszValue);
+/* The user's setting pszName, copied into pszBuf (cut to nzBuf - 1 bytes,
+ * always terminated); returns pszBuf, or NULL with "" in the buffer when
+ * the setting is absent.  With no profile configured, "Timezone" is the
+ * environment variable TZ (absent when TZ is not set). */
+TARNPLAT_API char* MUPRF_GlobalGetStr(const char* pszName, char* pszBuf, size_t nzBuf);
+
+/* ------------------------------------------------------------------------
  * Files.
  * ---------------------------------------------------------------------- */
 /* Reads a whole file, shared between processes through the page cache
