@@ -41,16 +41,14 @@ int text_charset(const ME* me) { return MLG_CharsetWEncToValue(me->h->mime.chars
 // ---- message headers ----
 
 // The header block of a message entity: show_m_header expands the header
-// form (with_form), show_m_noheader writes the header without it.  Both
-// first save the message's parts (prepare_attachment) and order the
-// location list (sort_loc), so that the body's references find them.  The
-// header block comes from the header-form expansion, which is linked in
-// here; a build without it renders messages without their header block
-// (pages that want none set MIME_DISP_NO_FORM_HEADER).
+// form (with_form), show_m_noheader goes without it.  Both first save the
+// message's parts (prepare_attachment) and order the location list
+// (sort_loc), so that the body's references find them.
 void render_message_header(ME* me, MIME_DISP* d, bool with_form) {
-  (void)me;
-  (void)d;
-  (void)with_form;
+  if (with_form)
+    show_m_header(me, d);
+  else
+    show_m_noheader(me, d);
 }
 
 // ---- bodies ----
