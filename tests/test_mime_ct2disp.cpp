@@ -35,6 +35,7 @@ class Render {
   explicit Render(const std::string& message, const MIME_DISP& preset = mailreadDE)
       : dec_(message, generalME), d_(preset) {
     d_.disp_flag = (d_.disp_flag & ~MIME_DISP_OUT_STREAM) | MIME_DISP_OUT_GROWING | MIME_DISP_NO_FORM_HEADER;
+    mime_disp_set_downfilepath(&d_, (form_dir() + "/dl").c_str(), nullptr);
     mime_disp_init(&d_, &dec_.ctx().result, "", form_dir().c_str());
     MSTR_Copy(d_.attFilePrefix, sizeof d_.attFilePrefix, "P_", 0);
     d_.disp_func = record_body;
@@ -58,15 +59,21 @@ class Render {
     return buf != nullptr ? std::string(buf, static_cast<size_t>(n)) : std::string();
   }
 
+  // Forms and saved parts of every rendering live in one temporary
+  // directory, removed at exit.
   static const std::string& form_dir() {
-    static const std::string dir = [] {
-      char tmpl[] = "/tmp/tarn_ct2disp_XXXXXX";
-      std::string made = mkdtemp(tmpl);
-      std::ofstream(made + "/card.dat") << "FORM";
-      std::ofstream(made + "/view.dat") << "VIEWFORM";
-      return made;
-    }();
-    return dir;
+    static const struct Dir {
+      Dir() {
+        char tmpl[] = "/tmp/tarn_ct2disp_XXXXXX";
+        path = mkdtemp(tmpl);
+        std::ofstream(path + "/card.dat") << "FORM";
+        std::ofstream(path + "/view.dat") << "VIEWFORM";
+        std::filesystem::create_directory(path + "/dl");
+      }
+      ~Dir() { std::filesystem::remove_all(path); }
+      std::string path;
+    } dir;
+    return dir.path;
   }
 
  private:
@@ -419,6 +426,23 @@ TEST(Ct2Disp, ManyPartsAndDeepNesting) {
     Render r(msg);
     r.run();
     EXPECT_EQ(std::vector<std::string>{"deep"}, g_bodies);
+  }
+}
+
+TEST(Ct2Disp, HeaderWithoutTheFormStillSavesTheParts) {
+  const std::string msg = multipart("related", {kHtml, "Content-Type: image/gif; name=\"i.gif\"\nContent-ID: <img1@x>\n\nGIF"});
+  const std::string tag = "\n<BR><center><img src=\"/cgi-bin/downfile/P_1I.gif/i.gif\" alt=\"i.gif\"></center><BR>\n";
+  {
+    Render r(msg);
+    r.d().disp_flag |= MIME_DISP_PLAIN_HEADER;
+    EXPECT_EQ(tag, r.run());
+    EXPECT_STREQ("img1@x", r.d()._fileCID.cid);
+    EXPECT_EQ("GIF", tarntest::read_file(Render::form_dir() + "/dl/P_1I.gif"));
+  }
+  {
+    Render r(msg);
+    EXPECT_EQ(tag, r.run());
+    EXPECT_EQ(nullptr, r.d()._fileCID.cid);
   }
 }
 
