@@ -200,20 +200,6 @@ TEST(Attach, ContentIdAndLocationLists) {
   mime_disp_shutdown(&d);
 }
 
-TEST(Attach, FileNameFiltersShapeTheListedName) {
-  MIME_DISP d = mailreadDE;
-  mime_disp_setfilter2(&d, [](MIME_DISP*, char* text, int) -> char* {
-    static std::string s;
-    s = std::string(text) + ".png";
-    return s.data();
-  });
-  char cid[] = "<a>", name[] = "n", id[] = "1I", ct[] = "image/gif", cs[] = "";
-  cid2link(cid, name, id, ct, MIME_CT_IMAGE, cs, &d);
-  EXPECT_STREQ("n.png", d._fileCID.filename);
-  EXPECT_STREQ("png", d._fileCID.ext);
-  mime_disp_shutdown(&d);
-}
-
 TEST(Attach, AttachmentTests) {
   auto have = [](const std::vector<std::string>& parts) {
     tarntest::Decoded dec(multipart(parts), generalME);
