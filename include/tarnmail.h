@@ -19,5 +19,6 @@
 #include "tarnmail/filter.h"
 #include "tarnmail/address.h"
 #include "tarnmail/date.h"
+#include "tarnmail/mailhdr.h"
 
 #endif /* TARNMAIL_H */

@@ -92,13 +92,4 @@ bool mime_is_attachment_disp(const char* contdisp);
 /* Writes the card of a text/x-vcard body; `pszForm` is the vCard form. */
 void disp_vcard(char* pszBody, char* pszForm, MIME_DISP* disp_info);
 
-/* ---- content filters the walk hands bodies to ---- */
-
-extern "C" {
-void text2disp(char* data, MIME_DISP* disp_info);
-void text2disp_filter(char* data, MIME_DISP* disp_info, int filter_flags);
-void html2disp(char* data, char* cbase, MIME_DISP* disp_info);
-void view_html_entity(char* data, char* cbase, MIME_DISP* disp_info);
-}
-
 #endif /* TARNMAIL_MIME_DISP_INTERNAL_H */

@@ -27,22 +27,6 @@
 #define T2D_AMP           0x8000   /* '&' as "&amp;" unless it begins a reference */
 #define T2D_AMP2          0x10000  /* '&' as "&amp;amp;" unless it begins a reference */
 
-/* filter_flags bits of text2disp_filter. */
-#define T2D_FILTER1 1
-#define T2D_FILTER2 4
-#define T2D_FILTER3 8
-#define T2D_FILTER4 16
-#define T2D_FILTER5 32
-#define T2D_FILTER_ALL 61
-
-extern "C" {
-/* Renders a NUL-terminated text as HTML through the output sink, steered
- * by text2disp_flag; runs Filter1 to Filter5.  The text is not modified. */
-TARNMAIL_API void text2disp(char* data, MIME_DISP* disp_info);
-/* The same with the filters chosen by filter_flags (T2D_FILTER*). */
-TARNMAIL_API void text2disp_filter(char* data, MIME_DISP* disp_info, int filter_flags);
-}
-
 /* One row of the scheme table. */
 struct WWW_HEAD {
   const char* name; /* "http://" */

@@ -67,6 +67,25 @@ TARNMAIL_API void view_html_entity(char* data, char* cbase, MIME_DISP* disp_info
  * writes all of that, moves *q to the value and returns 1; else 0. */
 TARNMAIL_API int lookaheadURI(char** q, MIME_DISP* disp_info, int* inquote);
 
+/* ------------------------------------------------------------------------
+ * Plain text to HTML.
+ * ---------------------------------------------------------------------- */
+
+/* filter_flags bits of text2disp_filter: which of Filter1 to Filter5 run. */
+#define T2D_FILTER1 1
+#define T2D_FILTER2 4
+#define T2D_FILTER3 8
+#define T2D_FILTER4 16
+#define T2D_FILTER5 32
+#define T2D_FILTER_ALL 61
+
+/* Renders a NUL-terminated text as HTML through the output sink, steered
+ * by text2disp_flag: escaped, URLs and mail addresses linked, quoted lines
+ * marked; runs Filter1 to Filter5.  The text is not modified. */
+TARNMAIL_API void text2disp(char* data, MIME_DISP* disp_info);
+/* The same with the filters chosen by filter_flags (T2D_FILTER*). */
+TARNMAIL_API void text2disp_filter(char* data, MIME_DISP* disp_info, int filter_flags);
+
 #ifdef __cplusplus
 }
 #endif
