@@ -302,6 +302,160 @@ TARNPLAT_API int MUPRF_GlobalSetStr(const char* pszName, const char* pszValue);
 TARNPLAT_API char* MUPRF_GlobalGetStr(const char* pszName, char* pszBuf, size_t nzBuf);
 
 /* ------------------------------------------------------------------------
+ * Mailboxes, configuration and log.
+ *
+ * Mailboxes live under QUILLNET_ROOT ("/quillnet" unless set):
+ *   <root>/mbox/<user>/<mailbox>/<message id>   one file per message
+ *   <root>/mbox/<user>/<mailbox>/.index         MBX_Idx records, nothing else
+ *   <root>/mbox/<user>/<mailbox>/.lock          taken with flock by writers
+ * The user id is normalised first (MUSER_IDNormalize with GINI.sMYDOMAIN),
+ * and the user id, mailbox name and message id are each percent-encoded
+ * into one path component: bytes other than A-Z a-z 0-9 - _ . @ + = become
+ * "%XX", and so does a leading ".", so no name can climb out of its
+ * directory, two names never share a file and no message file can be taken
+ * for ".index" or ".lock".
+ *
+ * Every change to an index is made under the mailbox's lock: the whole
+ * index is written to ".index.new", flushed, and renamed over ".index".
+ * Readers need no lock: they see the old index or the new one, never a mix,
+ * and a process killed in the middle leaves the old index whole.  Message
+ * files are written the same way (a temporary file renamed into place).
+ * With TARN_MBX_NOFSYNC=1 in the environment the flushes are skipped (for
+ * tests on slow disks; a crash may then lose recent changes).
+ *
+ * Results: 0 for success, -1 for a system failure (errno tells which),
+ * -2 for a missing or unusable argument, MBX_ENOTFOUND when the mailbox
+ * holds no such message, MBX_EEXIST when it already holds one.
+ * ---------------------------------------------------------------------- */
+#define MBX_ENOTFOUND (-3)
+#define MBX_EEXIST    (-4)
+
+/* nFlags bit: szSenderEmail and szSenderNick hold the first recipient
+ * rather than the sender (sent-mail and draft mailboxes). */
+#define MBX_IDX_RCPT 0x4
+
+/* One index record; the index file is an array of them, in this layout
+ * (304 bytes; the four bytes after nIdx are padding, written as zero). */
+typedef struct MBX_Idx {
+  int64_t tCreateTime;   /* seconds since the epoch */
+  uint32_t nFlags;
+  uint32_t nMailSize;    /* bytes of the message file */
+  uint8_t nCharset;      /* MIME charset value of szSenderNick and szSubject */
+  uint8_t nRSType;
+  uint8_t nLabelType;
+  uint8_t nBucketNo;
+  char szFile[20];
+  char szSenderEmail[40];
+  char szSenderNick[24];
+  char szMsgID[80];      /* the message's key in its mailbox */
+  char szSubject[72];
+  uint8_t nStorageType;
+  uint8_t nStorageMode;
+  char szReserved1[6];
+  char szReserved2[32];
+  uint32_t nIdx;
+} MBX_Idx;
+
+/* An open mailbox. */
+typedef struct MBX MBX;
+
+/* Modes of MBX_Open, combined with "|". */
+#define MBX_MODE_READ   1  /* list and read */
+#define MBX_MODE_UPDATE 2  /* also append and change the index */
+#define MBX_MODE_CREATE 4  /* create the mailbox when missing (implies UPDATE) */
+
+/* Opens a mailbox of a user; NULL when it does not exist (errno ENOENT),
+ * cannot be created, or an argument is missing (errno EINVAL). */
+TARNPLAT_API MBX* MBX_Open(const char* pszUserID, const char* pszMBox, int nMode);
+/* Closes the mailbox and frees the handle (NULL is allowed); returns 0. */
+TARNPLAT_API int MBX_Close(MBX* pstMbx);
+/* Replaces the index record whose szMsgID is pszMsgID with *pstIdx (its
+ * szMsgID is forced to pszMsgID, so the record stays that message's). */
+TARNPLAT_API int MBX_IdxUpd(MBX* pstMbx, const char* pszMsgID, const MBX_Idx* pstIdx);
+/* Stores a new message of nSize bytes under pszMsgID (1 to 79 bytes) and
+ * appends its index record: *pstIdx when given, else a zero record; either
+ * way szMsgID is set to the id and nMailSize to nSize, and tCreateTime to
+ * now when it is 0.  MBX_EEXIST when the id is taken. */
+TARNPLAT_API int MBX_MsgAppend(MBX* pstMbx, const char* pszMsgID, const char* pContent, size_t nSize,
+                               const MBX_Idx* pstIdx);
+/* The index records in their order: *ppList gets a malloc'ed array
+ * (free() it; NULL when empty) and *pnCount its length. */
+TARNPLAT_API int MBX_IdxList(MBX* pstMbx, MBX_Idx** ppList, size_t* pnCount);
+/* Moves a message and its index record from one mailbox of the user to
+ * another (both locked, in a fixed order).  A crash part way leaves the
+ * message in one mailbox or both, never in neither.  MBX_ENOTFOUND when
+ * the source lacks it, MBX_EEXIST when the destination has it already. */
+TARNPLAT_API int MBX_MsgMove(const char* pszUserID, const char* pszSrcMBox, const char* pszDesMBox,
+                             const char* pszMsgID);
+/* Reads a message and its index record.  *ppContent gets a malloc'ed copy
+ * followed by a NUL (free() it) and *pnSize its length, without the NUL;
+ * pstIdx may be NULL. */
+TARNPLAT_API int MSG_Read(const char* pszUserID, const char* pszMBox, const char* pszMsgID,
+                          char** ppContent, size_t* pnSize, MBX_Idx* pstIdx);
+
+/*
+ * Configuration files: "[Section]" lines open sections, "[Section@domain]"
+ * sections hold one domain's values, "Key = Value" lines (blanks trimmed,
+ * surrounding double quotes dropped) set values; empty lines and lines
+ * starting with "#" or ";" are skipped.  Sections, domains and keys are
+ * compared without regard to ASCII case; a later line wins.  A relative
+ * file name is read under "/quillnet/etc", any name through MSYS_RootPath.
+ * Files are read afresh on every call.
+ */
+/* The integer pszKey of section pszSection for domain pszDomain: the
+ * domain's section first, then the plain section.  nDefault when the key
+ * is absent, the value is not a decimal integer or lies outside
+ * [nMin, nMax]. */
+TARNPLAT_API int MCF_S_IntGet(const char* pszFile, const char* pszSection, const char* pszKey,
+                              const char* pszDomain, int nDefault, int nMin, int nMax);
+/* The text value, looked up the same way, copied into pszBuf (cut to
+ * nzBuf - 1 bytes); returns pszBuf, or NULL with pszDefault (or "") copied
+ * when the key is absent. */
+TARNPLAT_API char* MCF_S_StrGet(const char* pszFile, const char* pszSection, const char* pszKey,
+                                const char* pszDomain, const char* pszDefault, char* pszBuf, size_t nzBuf);
+
+/* The global configuration: section "Global" of "tarnapp.conf". */
+typedef struct MCF_GLOBAL {
+  int nLoaded;             /* 1 once MCF_GlobalLoad has run */
+  char sMYDOMAIN[256];     /* "MYDOMAIN": domain of user ids given without one */
+  char sSENTMAILENC[64];   /* "SENT_MAIL_ENCODING": charset of sent mail ("utf-8") */
+} MCF_GLOBAL;
+TARNPLAT_API extern MCF_GLOBAL GINI;
+/* (Re)reads GINI from pszFile (NULL: "tarnapp.conf"); a missing file
+ * leaves the defaults.  The mailbox calls load it on first use.  Returns 0. */
+TARNPLAT_API int MCF_GlobalLoad(const char* pszFile);
+/* The charset name mail is sent in: the user's "SentMailEncoding" setting
+ * (MUPRF_GlobalGetStr), else GINI.sSENTMAILENC.  nFlag is reserved (0). */
+TARNPLAT_API const char* MSLG_GlobalGetSentMailEnc(int nFlag);
+
+/* A user id as the system keys it: blanks trimmed, ASCII lower-cased, and
+ * "@" with pszDefDomain appended when it has no "@" and the domain is not
+ * empty.  Cut to nzBuf - 1 bytes.  Returns 0, -2 for a NULL argument. */
+TARNPLAT_API int MUSER_IDNormalize(const char* pszID, const char* pszDefDomain, char* pszBuf, size_t nzBuf);
+/* The domain of a user id (the text after its last "@", "" when none);
+ * returns pszBuf. */
+TARNPLAT_API char* MSYS_GetIDDomain(const char* pszID, char* pszBuf, size_t nzBuf);
+
+/* Appends one line to a log file (through MSYS_RootPath; its directory is
+ * created when missing): the formatted text with CR and LF turned into
+ * blanks, then LF, in one write(2) on an O_APPEND descriptor, so lines of
+ * concurrent processes never mix.  Returns 0, or -1. */
+TARNPLAT_API int LOG_FileLine(const char* pszPath, const char* pszFormat, ...)
+    __attribute__((format(printf, 2, 3)));
+
+/* ------------------------------------------------------------------------
+ * Session.  Who the request is served for: the CGI program fills the
+ * record once it has checked the sign-in (copy with MSTR_Copy, bounded by
+ * the field); every field is empty until then.  The library reads the
+ * mail address for the Content-IDs it makes.  One record per process,
+ * like the CGI programs.
+ * ---------------------------------------------------------------------- */
+typedef struct MSESSION {
+  char email[256]; /* the signed-in user's mail address */
+} MSESSION;
+TARNPLAT_API extern MSESSION g_stSession;
+
+/* ------------------------------------------------------------------------
  * Files.
  * ---------------------------------------------------------------------- */
 /* Reads a whole file, shared between processes through the page cache
