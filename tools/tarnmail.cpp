@@ -20,7 +20,13 @@ constexpr char kUsage[] =
     "      one line each, tab-separated: file id, name, content type, decoded\n"
     "      size, SHA-256 of the decoded bytes; --extract writes them into DIR\n"
     "      (a name already there becomes \"NAME (2).EXT\", ...); --magic and\n"
-    "      --mime-types choose the type tables (default: the installed ones)\n";
+    "      --mime-types choose the type tables (default: the installed ones)\n"
+    "  rcpt TEXT [--charset N] [--domain D]\n"
+    "      parse a recipient text (\"-\": standard input) as the compose page\n"
+    "      does and print one entry per line, tab-separated: type, name,\n"
+    "      address; then the list's base64 form; --charset gives the text's\n"
+    "      charset (a MIME charset value or name), --domain completes bare\n"
+    "      names with \"@D\"\n";
 
 }  // namespace
 
@@ -33,6 +39,7 @@ int main(int argc, char** argv) {
   std::vector<std::string> args(argv + 2, argv + argc);
   if (command == "tree") return tarntool::cmd_tree(args);
   if (command == "parts") return tarntool::cmd_parts(args);
+  if (command == "rcpt") return tarntool::cmd_rcpt(args);
   if (command == "-h" || command == "--help" || command == "help") {
     fputs(kUsage, stdout);
     return 0;
