@@ -383,8 +383,9 @@ TARNPLAT_API int MBX_MsgAppend(MBX* pstMbx, const char* pszMsgID, const char* pC
 TARNPLAT_API int MBX_IdxList(MBX* pstMbx, MBX_Idx** ppList, size_t* pnCount);
 /* Moves a message and its index record from one mailbox of the user to
  * another (both locked, in a fixed order).  A crash part way leaves the
- * message in one mailbox or both, never in neither.  MBX_ENOTFOUND when
- * the source lacks it, MBX_EEXIST when the destination has it already. */
+ * message in one mailbox or both, never in neither; moving it again then
+ * completes the move.  MBX_ENOTFOUND when the source lacks it, MBX_EEXIST
+ * when the destination holds another message of that id. */
 TARNPLAT_API int MBX_MsgMove(const char* pszUserID, const char* pszSrcMBox, const char* pszDesMBox,
                              const char* pszMsgID);
 /* Reads a message and its index record.  *ppContent gets a malloc'ed copy

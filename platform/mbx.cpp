@@ -86,13 +86,26 @@ int place_message(const std::string& src_dir, const std::string& dst_dir, const 
   return write_file_atomic(dst_dir, kMessageTemp, name, bytes.data(), bytes.size());
 }
 
+bool same_file(const std::string& a, const std::string& b) {
+  struct stat sa, sb;
+  return stat(a.c_str(), &sa) == 0 && stat(b.c_str(), &sb) == 0 && sa.st_dev == sb.st_dev && sa.st_ino == sb.st_ino;
+}
+
 int move_locked(const std::string& src, const std::string& dst, const char* msgid) {
   std::vector<MBX_Idx> from, to;
   if (read_index(src, from) != 0 || read_index(dst, to) != 0) return -1;
   const long at = find_record(from, msgid);
   if (at < 0) return MBX_ENOTFOUND;
-  if (find_record(to, msgid) >= 0) return MBX_EEXIST;
   const std::string name = encode_name(msgid);
+  if (find_record(to, msgid) >= 0) {
+    // The same file under both names is what a move cut short leaves
+    // behind: let this move finish it.  Anything else is a real clash.
+    if (!same_file(src + "/" + name, dst + "/" + name)) return MBX_EEXIST;
+    from.erase(from.begin() + at);
+    if (write_index(src, from) != 0) return -1;
+    unlink((src + "/" + name).c_str());
+    return 0;
+  }
   // The order keeps the message reachable throughout: the file is in both
   // directories before either index changes, and the source lets go last.
   if (place_message(src, dst, name) != 0) return -1;
