@@ -1,4 +1,4 @@
-// tarnmail: decode and inspect e-mail messages from the command line.
+// tarnmail: decode, inspect and render e-mail messages from the command line.
 
 #include <cstdio>
 #include <string>
@@ -21,6 +21,12 @@ constexpr char kUsage[] =
     "      size, SHA-256 of the decoded bytes; --extract writes them into DIR\n"
     "      (a name already there becomes \"NAME (2).EXT\", ...); --magic and\n"
     "      --mime-types choose the type tables (default: the installed ones)\n"
+    "  mbox create USER MBOX | append USER MBOX FILE | list USER MBOX\n"
+    "       | move USER SRC DST MSGID\n"
+    "      a user's mailboxes under QUILLNET_ROOT: make one, store a message\n"
+    "      (prints its id), list the index (tab-separated: id, flags, size,\n"
+    "      time, sender or recipient, nickname, subject), move a message and\n"
+    "      refresh its index record\n"
     "  rcpt TEXT [--charset N] [--domain D]\n"
     "      parse a recipient text (\"-\": standard input) as the compose page\n"
     "      does and print one entry per line, tab-separated: type, name,\n"
@@ -39,6 +45,9 @@ int main(int argc, char** argv) {
   std::vector<std::string> args(argv + 2, argv + argc);
   if (command == "tree") return tarntool::cmd_tree(args);
   if (command == "parts") return tarntool::cmd_parts(args);
+  if (command == "mbox") return tarntool::cmd_mbox(args);
+  if (command == "render") return tarntool::cmd_render(args);
+  if (command == "hdr") return tarntool::cmd_hdr(args);
   if (command == "rcpt") return tarntool::cmd_rcpt(args);
   if (command == "-h" || command == "--help" || command == "help") {
     fputs(kUsage, stdout);
