@@ -21,12 +21,26 @@ constexpr char kUsage[] =
     "      size, SHA-256 of the decoded bytes; --extract writes them into DIR\n"
     "      (a name already there becomes \"NAME (2).EXT\", ...); --magic and\n"
     "      --mime-types choose the type tables (default: the installed ones)\n"
-    "  mbox create USER MBOX | append USER MBOX FILE | list USER MBOX\n"
-    "       | move USER SRC DST MSGID\n"
-    "      a user's mailboxes under QUILLNET_ROOT: make one, store a message\n"
-    "      (prints its id), list the index (tab-separated: id, flags, size,\n"
-    "      time, sender or recipient, nickname, subject), move a message and\n"
-    "      refresh its index record\n"
+    "  render FILE [--preset NAME] [-o OUT.html] [--download-dir DIR]\n"
+    "              [--forms DIR] [--show-images] [--preset-flags]\n"
+    "      decode a message and write it as a complete UTF-8 HTML page (to\n"
+    "      standard output without -o); its parts are saved into DIR (default:\n"
+    "      \"parts\" beside the page) and linked relative to the page.  NAME is\n"
+    "      a display context: mailread (default), msgread, imap, downfile,\n"
+    "      mailprn, mailsend, html_inc, html_fwd, html_reply, html_draft,\n"
+    "      text_inc, text_fwd, text_reply, text_draft, imode, wap, show_html,\n"
+    "      show_syslog, mailhdr.  msgread decodes as msgreadME (TNEF\n"
+    "      attachments expanded), every other one as generalME.  The page\n"
+    "      runs no script and loads nothing from other sites: scripts,\n"
+    "      objects, embeds, XML islands and refreshes are removed from HTML\n"
+    "      bodies and remote pictures blocked (--show-images lets them in);\n"
+    "      --preset-flags renders with the context's own switches as they\n"
+    "      stand.  Forms come from --forms DIR, else the installed ones, else\n"
+    "      the source tree's\n"
+    "  hdr FILE [--raw]\n"
+    "      print the header record of a message: filled from the decoded\n"
+    "      message, with a plain-text preview of its body, or with --raw\n"
+    "      parsed from the raw header text alone\n"
     "  rcpt TEXT [--charset N] [--domain D]\n"
     "      parse a recipient text (\"-\": standard input) as the compose page\n"
     "      does and print one entry per line, tab-separated: type, name,\n"
@@ -45,7 +59,6 @@ int main(int argc, char** argv) {
   std::vector<std::string> args(argv + 2, argv + argc);
   if (command == "tree") return tarntool::cmd_tree(args);
   if (command == "parts") return tarntool::cmd_parts(args);
-  if (command == "mbox") return tarntool::cmd_mbox(args);
   if (command == "render") return tarntool::cmd_render(args);
   if (command == "hdr") return tarntool::cmd_hdr(args);
   if (command == "rcpt") return tarntool::cmd_rcpt(args);
