@@ -1,11 +1,14 @@
 #!/usr/bin/env bash
-# Shows the entity tree of each sample message: `make demo` runs it as
+# Renders each sample message as a reading page: `make demo` runs it as
 #   bash tools/demo.sh BUILD_DIR
+# The pages go to out/<sample>.html, the parts they link to to out/parts/;
+# open the pages straight from disk in a browser.
 set -u
 
 build=${1:?usage: tools/demo.sh BUILD_DIR}
 root=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
 samples=$root/data/samples
+out=$root/out
 tool=$build/tarnmail
 case $tool in /*) ;; *) tool=$PWD/$tool ;; esac
 
@@ -23,18 +26,46 @@ describe() {
     japanese.eml) echo "Japanese text in ISO-2022-JP with encoded-word headers" ;;
     attachments.eml) echo "a PDF and a PNG attached in base64, CR LF line ends" ;;
     quoted-printable.eml) echo "quoted-printable UTF-8 text with encoded-word headers" ;;
+    winmail.eml) echo "a text file and a picture inside a TNEF winmail.dat (msgread page)" ;;
   esac
 }
 
+# The stored-message page (msgread) expands TNEF attachments; the others
+# are shown as the reading page (mailread) shows new mail.  The tree is
+# printed as the page decodes the message.
+preset_of() {
+  case $1 in
+    winmail.eml) echo msgread ;;
+    *) echo mailread ;;
+  esac
+}
+decoding_of() {
+  case $1 in
+    msgread) echo msgread ;;
+    *) echo general ;;
+  esac
+}
+
+mkdir -p "$out"
 status=0
+pages=()
 for file in "$samples"/*.eml; do
   name=$(basename "$file")
+  page=$out/${name%.eml}.html
   what=$(describe "$name")
+  preset=$(preset_of "$name")
   echo "=== $name${what:+: $what}"
-  "$tool" tree "$file" || status=1
+  "$tool" tree "$file" --preset "$(decoding_of "$preset")" || status=1
+  if "$tool" render "$file" --preset "$preset" -o "$page"; then
+    echo "page: $page"
+    pages+=("$page")
+  else
+    status=1
+  fi
   echo
 done
 
-echo "The samples are in $samples."
-echo "Decode any message the same way: $tool tree FILE [--preset imap|general|msgread|mailerd]"
+echo "${#pages[@]} pages in $out (their parts in $out/parts); open them in a browser, e.g."
+echo "  file://${pages[0]:-$out}"
+echo "Render any message the same way: $tool render FILE -o PAGE.html [--preset NAME]"
 exit $status
