@@ -20,5 +20,6 @@
 #include "tarnmail/address.h"
 #include "tarnmail/date.h"
 #include "tarnmail/mailhdr.h"
+#include "tarnmail/rcpt.h"
 
 #endif /* TARNMAIL_H */
