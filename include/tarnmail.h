@@ -21,5 +21,6 @@
 #include "tarnmail/date.h"
 #include "tarnmail/mailhdr.h"
 #include "tarnmail/rcpt.h"
+#include "tarnmail/edit.h"
 
 #endif /* TARNMAIL_H */
