@@ -41,6 +41,12 @@ constexpr char kUsage[] =
     "      print the header record of a message: filled from the decoded\n"
     "      message, with a plain-text preview of its body, or with --raw\n"
     "      parsed from the raw header text alone\n"
+    "  mbox create USER MBOX | append USER MBOX FILE | list USER MBOX\n"
+    "       | move USER SRC DST MSGID\n"
+    "      a user's mailboxes under QUILLNET_ROOT: make one, store a message\n"
+    "      (prints its id), list the index (tab-separated: id, flags, size,\n"
+    "      time, sender or recipient, nickname, subject), move a message and\n"
+    "      refresh its index record\n"
     "  rcpt TEXT [--charset N] [--domain D]\n"
     "      parse a recipient text (\"-\": standard input) as the compose page\n"
     "      does and print one entry per line, tab-separated: type, name,\n"
@@ -59,6 +65,7 @@ int main(int argc, char** argv) {
   std::vector<std::string> args(argv + 2, argv + argc);
   if (command == "tree") return tarntool::cmd_tree(args);
   if (command == "parts") return tarntool::cmd_parts(args);
+  if (command == "mbox") return tarntool::cmd_mbox(args);
   if (command == "render") return tarntool::cmd_render(args);
   if (command == "hdr") return tarntool::cmd_hdr(args);
   if (command == "rcpt") return tarntool::cmd_rcpt(args);

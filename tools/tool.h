@@ -27,6 +27,7 @@ const MIME_DECODE* decode_preset(const std::string& name);
 // Command entry points: arguments after the command name.
 int cmd_tree(const std::vector<std::string>& args);
 int cmd_parts(const std::vector<std::string>& args);
+int cmd_mbox(const std::vector<std::string>& args);
 int cmd_render(const std::vector<std::string>& args);
 int cmd_hdr(const std::vector<std::string>& args);
 int cmd_rcpt(const std::vector<std::string>& args);
