@@ -3,10 +3,11 @@
 //
 // The list is sorted by offset; a range that starts inside the range before
 // it is set aside behind the others and not applied.  A range that keeps
-// the part's header starts after the first empty line inside it.  Ranges
-// are then cut to the message and to what follows the range before them,
-// and the new length is counted from those cut ranges, so the copy fills
-// exactly the buffer it was given.
+// the part's header starts after the first empty line inside it.  The new
+// length is the old one plus, for each range, the length of its data minus
+// its own length.  Starts and ends that lie outside the message are cut to
+// it, and the length is counted from the ranges as they are applied, so
+// the copy fills exactly the buffer it was given.
 
 #include <algorithm>
 #include <climits>
@@ -45,7 +46,10 @@ int s_SetAsideOverlaps(SMMIME_RepEntity* rgst, int nCnt) {
 
 // Narrows a range to the body of its part: it starts after the first LF
 // inside it that is followed by CR LF or by LF, and ends where it ended.
-// The bytes after that LF are read only inside the message.
+// The empty line itself may reach past the range: a part with an empty
+// body ends at that line's LF, and its range then starts behind its end,
+// with a negative length.  The bytes after the LF are read only inside
+// the message.
 void s_KeepHeader(const char* pcContent, int nSize, SMMIME_RepEntity& r) {
   const int64_t end = end_of(r);
   const int64_t from = std::clamp<int64_t>(r.nOffset, 0, nSize);
@@ -66,27 +70,36 @@ void s_KeepHeader(const char* pcContent, int nSize, SMMIME_RepEntity& r) {
   }
 }
 
-// One range as it is applied: bytes [start, end) of the message give way
-// to the data.
+// One range as it is applied: the message's bytes [from, start) are
+// copied, then the data; the copy goes on from `end`.
 struct Cut {
+  int64_t from;
   int64_t start;
   int64_t end;
   const char* data;
   size_t datalen;
 };
 
-// Calls f with each range as it is applied, in order.  Both the count of
-// the new length and the copy walk the ranges through here, so they agree.
+// Calls f with each range as it is applied, in order, and returns where
+// the copy goes on after the last.  A range of negative length sends the
+// copy back, so the bytes between its end and its start are copied twice:
+// a body range narrowed behind its end (a part with an empty body, whose
+// empty line is the line break in front of the next delimiter) so gets
+// that line break back after its data.  Starts and ends are cut to the
+// message, and no start lies before the point the copy has reached.  The
+// count of the new length and the copy both walk the ranges through here,
+// so they agree.
 template <typename F>
-void s_ForEachCut(const SMMIME_RepEntity* rgst, int nCnt, int nSize, F f) {
-  int64_t kept = 0;
+int64_t s_ForEachCut(const SMMIME_RepEntity* rgst, int nCnt, int nSize, F f) {
+  int64_t from = 0;
   for (int i = 0; i < nCnt; ++i) {
-    const int64_t start = std::clamp<int64_t>(rgst[i].nOffset, kept, nSize);
-    const int64_t end = std::clamp<int64_t>(end_of(rgst[i]), start, nSize);
+    const int64_t start = std::max(from, std::clamp<int64_t>(rgst[i].nOffset, 0, nSize));
+    const int64_t end = std::clamp<int64_t>(end_of(rgst[i]), 0, nSize);
     const char* data = rgst[i].pszData;
-    f(Cut{start, end, data, data != nullptr ? std::strlen(data) : 0});
-    kept = end;
+    f(Cut{from, start, end, data, data != nullptr ? std::strlen(data) : 0});
+    from = end;
   }
+  return from;
 }
 
 }  // namespace
@@ -103,24 +116,24 @@ extern "C" TARNMAIL_API int MMIME_AttachmentRep(char** ppszContent, int nSize, S
   for (int i = 0; i < nCnt; ++i)
     if (rgstRepList[i].nFlag & MMIME_REP_BODY) s_KeepHeader(pcContent, nSize, rgstRepList[i]);
 
-  int64_t newlen = nSize;
-  s_ForEachCut(rgstRepList, nCnt, nSize,
-               [&](const Cut& c) { newlen += static_cast<int64_t>(c.datalen) - (c.end - c.start); });
+  int64_t newlen = 0;
+  const int64_t tail = s_ForEachCut(rgstRepList, nCnt, nSize, [&](const Cut& c) {
+    newlen += (c.start - c.from) + static_cast<int64_t>(c.datalen);
+  });
+  newlen += nSize - tail;
   if (newlen > INT_MAX - 1) return -1;
 
   char* out = static_cast<char*>(std::malloc(static_cast<size_t>(newlen) + 1));
   if (out == nullptr) return -1;
   char* w = out;
-  int64_t from = 0;
   s_ForEachCut(rgstRepList, nCnt, nSize, [&](const Cut& c) {
-    std::memcpy(w, pcContent + from, static_cast<size_t>(c.start - from));
-    w += c.start - from;
+    std::memcpy(w, pcContent + c.from, static_cast<size_t>(c.start - c.from));
+    w += c.start - c.from;
     if (c.datalen != 0) std::memcpy(w, c.data, c.datalen);
     w += c.datalen;
-    from = c.end;
   });
-  std::memcpy(w, pcContent + from, static_cast<size_t>(nSize - from));
-  w += nSize - from;
+  std::memcpy(w, pcContent + tail, static_cast<size_t>(nSize - tail));
+  w += nSize - tail;
   *w = '\0';
   *ppszContent = out;
   return static_cast<int>(newlen);
