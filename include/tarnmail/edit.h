@@ -55,13 +55,17 @@ TARNMAIL_API int MMIME_AttachmentDel(char* pcContent, int nSize, SMMIME_DelEntit
 /*
  * Copies the message with each range replaced by its data into a new
  * malloc'ed, NUL-terminated buffer, stores it through ppszContent (the old
- * buffer stays the caller's) and returns its length.  rgstRepList is
- * sorted by offset; a range that starts before the end of the one before it
- * is moved behind the others, outside the nCnt first entries, and not
- * applied; a range with MMIME_REP_BODY is narrowed to what follows the
- * first empty line inside it (the whole range when it holds none).
- * nSize itself, with nothing done, when nCnt is below 1; -1 when nSize is
- * negative or the new buffer cannot be had; -2 for a NULL message or list.
+ * buffer stays the caller's) and returns its length: nSize plus, for each
+ * range applied, the length of its data minus its own.  rgstRepList is
+ * sorted by offset and edited: a range that starts before the end of the
+ * one before it is moved behind the others, outside the nCnt first
+ * entries, and not applied; a range with MMIME_REP_BODY is narrowed to
+ * what follows the first empty line inside it (the whole range when it
+ * holds none).  A part with an empty body ends at its empty line's LF, so
+ * its narrowed range starts one byte behind its end (length -1) and the
+ * copy takes that LF again after the data.  nSize itself, with nothing
+ * done, when nCnt is below 1; -1 when nSize is negative or the new buffer
+ * cannot be had; -2 for a NULL message or list.
  */
 TARNMAIL_API int MMIME_AttachmentRep(char** ppszContent, int nSize, SMMIME_RepEntity* rgstRepList, int nCnt);
 
