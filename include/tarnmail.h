@@ -22,5 +22,6 @@
 #include "tarnmail/mailhdr.h"
 #include "tarnmail/rcpt.h"
 #include "tarnmail/edit.h"
+#include "tarnmail/msgutil.h"
 
 #endif /* TARNMAIL_H */
