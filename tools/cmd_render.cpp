@@ -301,7 +301,8 @@ bool write_page(const RenderOptions& o, const std::string& head, std::string_vie
 // The reading forms link the attachment list to the download program
 // ("/cgi-bin/downfile/PREFIX ID.EXT/NAME"); the page sends those links to
 // the parts directory, as the engine's own links.  The rewritten form
-// lives in the context's arena.
+// lives in the context's arena.  A form filter is given no argument of its
+// own, so the link base waits here: the program renders one page a run.
 std::string g_form_link_base;
 
 char* form_links_to_parts(MIME_DISP* d, char* form, int) {
@@ -369,6 +370,10 @@ int render(const RenderOptions& o, const Preset& preset, Message& message) {
     mime_disp_set_downfilepath(&d, parts.staging().c_str(), nullptr);
     mime_disp_init(&d, &dec.ctx.result, "", forms.c_str());
     mime_disp_setcharset(&d, MLG_UTF8, MLG_UTF8);
+    // Links are disp_base + cgipath + "/PREFIX ID.EXT/NAME": with no base
+    // and the parts directory as the "download program", a relative path.
+    // Embedded media take "/" + webrelatepath, a path from the root, but
+    // the page's policy loads no embedded object anyway.
     mime_disp_set_cgipath(&d, where.link_base.c_str());
     mime_disp_set_webrelatepath(&d, where.link_base.c_str());
     g_form_link_base = where.link_base;
