@@ -9,9 +9,11 @@
 
 namespace {
 
-bool has_high_bytes(const char* s) {
+// Plain ASCII needs no conversion; 8-bit text and the escape sequences of
+// ISO-2022 text (7-bit, but not ASCII) do.
+bool needs_conversion(const char* s) {
   for (; *s != '\0'; ++s)
-    if (static_cast<unsigned char>(*s) >= 0x80) return true;
+    if (static_cast<unsigned char>(*s) >= 0x80 || *s == 0x1B) return true;
   return false;
 }
 
@@ -76,7 +78,7 @@ int retyping_charset(ME* me, int charset, char* charset_str, int len) {
 void encode_header(ME_HEADER* h, int display_charset, MIME_DECODE* decode_info) {
   for (HE* he = h->he; he != nullptr; he = he->next) {
     if (he->ent_ptr == nullptr || he->ent_ptr == he->ent_name) continue;
-    if (he->ent_charset == display_charset || he->ent_charset == MLG_UNKNOWN || !has_high_bytes(he->ent_ptr))
+    if (he->ent_charset == display_charset || he->ent_charset == MLG_UNKNOWN || !needs_conversion(he->ent_ptr))
       continue;
     size_t out_len = 0;
     char* converted = MUC_Text2UTF8N(he->ent_ptr, strlen(he->ent_ptr), he->ent_charset, &out_len);
