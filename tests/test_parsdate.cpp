@@ -356,6 +356,8 @@ TEST_F(ParseDate, MegabyteTexts) {
   EXPECT_EQ(parse(std::string(kMiB, '(')), -1);
   EXPECT_EQ(parse(std::string(kMiB, '-')), kJan5);  // signs without digits are dropped
   EXPECT_EQ(parse("Mon, 05 Jan 2026 10:00:00 +0800 (" + std::string(kMiB, 'x') + ")"), kJan5 + 2 * 3600);
+  const std::string nested = std::string(100000, '(') + std::string(100000, ')');
+  EXPECT_EQ(parse(nested + " Mon, 05 Jan 2026 10:00:00 +0800 " + nested), kJan5 + 2 * 3600);
 
   std::string days;
   for (int i = 0; i < 100000; ++i) days += "1 day ";
