@@ -11,12 +11,10 @@
 
 #include <algorithm>
 #include <cstring>
-#include <filesystem>
-#include <fstream>
-#include <iterator>
 #include <string>
 #include <vector>
 
+#include "bench_corpus.h"
 #include "tarnmail.h"
 #include "tarnmail/disp.h"
 #include "tarnmail/filter.h"
@@ -29,51 +27,9 @@ namespace {
 
 constexpr size_t kTarget = size_t{10} << 20;
 
-std::string read_all(const std::filesystem::path& p) {
-  std::ifstream in(p, std::ios::binary);
-  return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
-}
-
-void html_bodies_of(ME* me, std::string* out) {
-  for (; me != nullptr; me = me->next) {
-    if (me->h != nullptr && me->h->mime.ctype == MIME_CT_HTML && me->body_bgn != nullptr && me->datalen > 0)
-      out->append(me->body_bgn, static_cast<size_t>(me->datalen));
-    html_bodies_of(me->child, out);
-  }
-}
-
-// Decodes one message and appends its HTML bodies.
-void append_html_bodies(const std::string& message, std::string* out) {
-  std::vector<char> buf(message.begin(), message.end());
-  buf.push_back('\0');
-  MIME_DECODE ctx = generalME;
-  if (mime_decode_init(&ctx, buf.data(), static_cast<int>(message.size()), nullptr, nullptr) != 0) return;
-  mime_decode_run(&ctx);
-  html_bodies_of(&ctx.result.me_node, out);
-  mime_decode_shutdown(&ctx);
-}
-
 const std::string& corpus_html() {
-  static const std::string text = [] {
-    namespace fs = std::filesystem;
-    const fs::path corpus = TARN_CORPUS_DIR;
-    std::vector<fs::path> files;
-    std::error_code ec;
-    for (auto& e : fs::recursive_directory_iterator(corpus / "mime", ec))
-      if (e.is_regular_file()) files.push_back(e.path());
-    std::sort(files.begin(), files.end());
-    std::string html;
-    for (const fs::path& f : files) append_html_bodies(read_all(f), &html);
-    for (const char* name : {"htmlbase.txt", "htmlbody.txt", "htmlcom.txt", "htmlxss.txt", "BID-26800.txt"})
-      html += read_all(corpus / "bodies" / "roundcube" / name);
-    // A decoded NUL would end the text early: the rewriter stops at one.
-    html.erase(std::remove(html.begin(), html.end(), '\0'), html.end());
-    if (html.empty()) html = "<p>no corpus</p>";
-    std::string out;
-    out.reserve(kTarget);
-    while (out.size() < kTarget) out.append(html, 0, std::min(html.size(), kTarget - out.size()));
-    return out;
-  }();
+  static const std::string text = tarnbench::repeat_to(
+      tarnbench::corpus_bodies(MIME_CT_HTML, tarnbench::kHtmlBodyFiles, "<p>no corpus</p>"), kTarget);
   return text;
 }
 

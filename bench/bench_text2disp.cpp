@@ -10,12 +10,10 @@
 #include <benchmark/benchmark.h>
 
 #include <algorithm>
-#include <filesystem>
-#include <fstream>
-#include <iterator>
 #include <string>
 #include <vector>
 
+#include "bench_corpus.h"
 #include "mime_text2disp_internal.h"
 
 // The per-message file prefix belongs to the saved-parts code, which the
@@ -26,29 +24,6 @@ namespace {
 
 constexpr size_t kTarget = size_t{10} << 20;
 
-std::string read_all(const std::filesystem::path& p) {
-  std::ifstream in(p, std::ios::binary);
-  return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
-}
-
-void text_bodies_of(ME* me, std::string* out) {
-  for (; me != nullptr; me = me->next) {
-    if (me->h != nullptr && me->h->mime.ctype == MIME_CT_TEXT && me->body_bgn != nullptr && me->datalen > 0)
-      out->append(me->body_bgn, static_cast<size_t>(me->datalen));
-    text_bodies_of(me->child, out);
-  }
-}
-
-void append_text_bodies(const std::string& message, std::string* out) {
-  std::vector<char> buf(message.begin(), message.end());
-  buf.push_back('\0');
-  MIME_DECODE ctx = generalME;
-  if (mime_decode_init(&ctx, buf.data(), static_cast<int>(message.size()), nullptr, nullptr) != 0) return;
-  mime_decode_run(&ctx);
-  text_bodies_of(&ctx.result.me_node, out);
-  mime_decode_shutdown(&ctx);
-}
-
 size_t& unique_bytes() {
   static size_t n = 0;
   return n;
@@ -56,25 +31,10 @@ size_t& unique_bytes() {
 
 const std::string& corpus_text() {
   static const std::string text = [] {
-    namespace fs = std::filesystem;
-    const fs::path corpus = TARN_CORPUS_DIR;
-    std::vector<fs::path> files;
-    std::error_code ec;
-    for (auto& e : fs::recursive_directory_iterator(corpus / "mime", ec))
-      if (e.is_regular_file()) files.push_back(e.path());
-    std::sort(files.begin(), files.end());
-    std::string plain;
-    for (const fs::path& f : files) append_text_bodies(read_all(f), &plain);
-    for (const char* name : {"plainbody.txt", "format-flowed.txt", "format-flowed-unfolded.txt"})
-      plain += read_all(corpus / "bodies" / "roundcube" / name);
-    // A decoded NUL would end the text early.
-    plain.erase(std::remove(plain.begin(), plain.end(), '\0'), plain.end());
-    if (plain.empty()) plain = "no corpus\n";
+    std::string plain = tarnbench::corpus_bodies(
+        MIME_CT_TEXT, {"plainbody.txt", "format-flowed.txt", "format-flowed-unfolded.txt"}, "no corpus\n");
     unique_bytes() = plain.size();
-    std::string out;
-    out.reserve(kTarget + 1);
-    while (out.size() < kTarget) out.append(plain, 0, std::min(plain.size(), kTarget - out.size()));
-    return out;
+    return tarnbench::repeat_to(plain, kTarget);
   }();
   return text;
 }
