@@ -6,14 +6,13 @@
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
 #include <fstream>
 #include <set>
-#include <sstream>
 #include <string>
 #include <string_view>
 #include <vector>
 
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include "mime_magic_internal.h"
@@ -23,47 +22,23 @@ using namespace std::string_literals;
 
 namespace {
 
-std::string slurp(const std::string& path) {
-  std::ifstream f(path, std::ios::binary);
-  std::stringstream ss;
-  ss << f.rdbuf();
-  return ss.str();
-}
-
 // A short scratch directory (paths must fit in 127 bytes) holding a
-// QUILLNET_ROOT tree with our default files at their compiled-in places.
-class Scratch {
- public:
+// QUILLNET_ROOT tree with our default files at their compiled-in places;
+// removed at exit.
+struct Scratch {
   Scratch() {
     char tmpl[] = "/tmp/tarn_mt_XXXXXX";
-    char* d = mkdtemp(tmpl);
-    if (d != nullptr) dir_ = d;
-    mkdir((dir_ + "/httpd").c_str(), 0700);
-    mkdir((dir_ + "/httpd/conf").c_str(), 0700);
-    write("httpd/conf/magic", slurp(std::string(TARN_SOURCE_DIR) + "/data/magic"));
-    write("httpd/conf/mime.types", slurp(std::string(TARN_SOURCE_DIR) + "/data/mime.types"));
+    if (mkdtemp(tmpl) != nullptr) dir = tmpl;
+    std::filesystem::create_directories(dir + "/httpd/conf");
+    for (const char* name : {"magic", "mime.types"})
+      write("httpd/conf/"s + name, tarntest::read_file(std::string(TARN_SOURCE_DIR) + "/data/" + name));
   }
-  ~Scratch() {
-    for (const auto& f : files_) unlink(f.c_str());
-    rmdir((dir_ + "/httpd/conf").c_str());
-    rmdir((dir_ + "/httpd").c_str());
-    rmdir(dir_.c_str());
+  ~Scratch() { std::filesystem::remove_all(dir); }
+  std::string write(const std::string& name, std::string_view text) const {
+    std::ofstream(dir + "/" + name, std::ios::binary | std::ios::trunc) << text;
+    return dir + "/" + name;
   }
-  const std::string& dir() const { return dir_; }
-  std::string write(const std::string& name, std::string_view text) {
-    std::string path = dir_ + "/" + name;
-    std::ofstream(path, std::ios::binary | std::ios::trunc) << text;
-    files_.insert(path);
-    return path;
-  }
-  std::string path(const std::string& name) {
-    files_.insert(dir_ + "/" + name);
-    return dir_ + "/" + name;
-  }
-
- private:
-  std::string dir_;
-  std::set<std::string> files_;
+  std::string dir;
 };
 
 Scratch& scratch() {
@@ -76,7 +51,7 @@ Scratch& scratch() {
 class MimeType : public ::testing::Test {
  protected:
   void SetUp() override {
-    setenv("QUILLNET_ROOT", scratch().dir().c_str(), 1);
+    setenv("QUILLNET_ROOT", scratch().dir.c_str(), 1);
     mime_type_init("/quillnet/httpd/conf/mime.types", "/quillnet/httpd/conf/magic");
     tarn_magic::mime_type_reset();
   }
@@ -97,8 +72,7 @@ class MimeType : public ::testing::Test {
 
 std::string check(std::string_view bytes, const char* name = nullptr) {
   testing::internal::CaptureStdout();
-  char* t = mime_type_checking(reinterpret_cast<const unsigned char*>(bytes.data()),
-                               static_cast<int>(bytes.size()),
+  char* t = mime_type_checking(reinterpret_cast<const unsigned char*>(bytes.data()), static_cast<int>(bytes.size()),
                                reinterpret_cast<const unsigned char*>(name));
   testing::internal::GetCapturedStdout();
   return t != nullptr ? t : "<null>";
@@ -112,21 +86,21 @@ std::string by_name(const char* name) {
 // ------------------------------------------------------------ by name
 
 TEST_F(MimeType, ExtensionsFromTheDefaultTable) {
-  EXPECT_EQ(by_name("report.pdf"), "application/pdf");
-  EXPECT_EQ(by_name("REPORT.PDF"), "application/pdf");  // capitals find lower case
-  EXPECT_EQ(by_name("Photo.JpG"), "image/jpeg");
-  EXPECT_EQ(by_name("archive.tar.gz"), "application/gzip");  // the last dot counts
-  EXPECT_EQ(by_name("pdf"), "application/pdf");              // no dot: the whole name
-  EXPECT_EQ(by_name(".docx"), "application/vnd.openxmlformats-officedocument.wordprocessingml.document");
-  EXPECT_EQ(by_name("winmail.dat"), "application/ms-tnef");
-  EXPECT_EQ(by_name("a.7z"), "application/x-7z-compressed");  // bucket of non-letters
-  EXPECT_EQ(by_name("a.3gp"), "video/3gpp");
-  EXPECT_EQ(by_name("a.asc"), "text/plain");  // the first line that lists it
-  EXPECT_EQ(by_name("README"), "<null>");
-  EXPECT_EQ(by_name("name."), "<null>");
-  EXPECT_EQ(by_name(""), "<null>");
+  const std::pair<const char*, const char*> cases[] = {
+      {"report.pdf", "application/pdf"},
+      {"REPORT.PDF", "application/pdf"},  // capitals find lower case
+      {"Photo.JpG", "image/jpeg"},
+      {"archive.tar.gz", "application/gzip"},  // the last dot counts
+      {"pdf", "application/pdf"},              // no dot: the whole name
+      {".docx", "application/vnd.openxmlformats-officedocument.wordprocessingml.document"},
+      {"winmail.dat", "application/ms-tnef"},
+      {"a.7z", "application/x-7z-compressed"},  // bucket of non-letters
+      {"a.3gp", "video/3gpp"},
+      {"a.asc", "text/plain"},  // the first line that lists it
+      {"README", "<null>"}, {"name.", "<null>"}, {"", "<null>"}, {"dir.d/file", "<null>"},
+  };
+  for (auto [name, type] : cases) EXPECT_EQ(by_name(name), type) << name;
   EXPECT_EQ(by_name(nullptr), "<null>");
-  EXPECT_EQ(by_name("dir.d/file"), "<null>");
   EXPECT_EQ(ct_check("a.pdf"), ct_check("b.PDF"));  // a pointer into the table entry
 }
 
@@ -144,34 +118,26 @@ TEST_F(MimeType, TableFileFormat) {
             long_type + "\ttoolong\n"
             "text/x-tab\t\ttabbed\t\t two-tab \n"
             "application/x-wide\t" + std::string(300, ' ') + "far\n"
-            "text/x-signs\t7z _u ~x\n");
-  EXPECT_EQ(by_name("a.one"), "text/x-one");
-  EXPECT_EQ(by_name("a.ONE"), "text/x-one");
-  EXPECT_EQ(by_name("a.1st"), "text/x-one");
-  EXPECT_EQ(by_name("a.two"), "text/x-two");  // blanks of any number separate
-  EXPECT_EQ(by_name("a.hidden"), "<null>");
-  EXPECT_EQ(by_name("a.lead"), "<null>");      // a line led by a blank names no type
-  EXPECT_EQ(by_name("text/x-only"), "<null>");
-  EXPECT_EQ(by_name("a.crlf"), "text/x-crlf");
-  EXPECT_EQ(by_name("a.short"), "text/x-long");
-  EXPECT_EQ(by_name(("a." + long_ext).c_str()), "<null>");  // that entry alone is left out
-  EXPECT_EQ(by_name(("a." + max_ext).c_str()), "text/x-long");
-  EXPECT_EQ(by_name("a.ok"), "text/x-long");
-  EXPECT_EQ(by_name("a.toolong"), "<null>");
-  EXPECT_EQ(by_name("a.tabbed"), "text/x-tab");
-  EXPECT_EQ(by_name("a.two-tab"), "text/x-tab");
-  EXPECT_EQ(by_name("a.far"), "application/x-wide");
-  EXPECT_EQ(by_name("a.7z"), "text/x-signs");
-  EXPECT_EQ(by_name("a._u"), "text/x-signs");
-  EXPECT_EQ(by_name("a.~x"), "text/x-signs");
-  EXPECT_EQ(tarn_magic::bucket_of("Zip"), 25);
-  EXPECT_EQ(tarn_magic::bucket_of("apk"), 0);
-  EXPECT_EQ(tarn_magic::bucket_of("_u"), 26);
-  EXPECT_EQ(tarn_magic::bucket_of("\xe9t\xe9"), 26);
+            "text/x-signs\t7z _u ~x \xe9t\xe9\n");
+  const std::pair<std::string, const char*> cases[] = {
+      {"a.one", "text/x-one"}, {"a.ONE", "text/x-one"}, {"a.1st", "text/x-one"},
+      {"a.two", "text/x-two"},  // blanks of any number separate
+      {"a.hidden", "<null>"},
+      {"a.lead", "<null>"},  // a line led by a blank names no type
+      {"text/x-only", "<null>"},
+      {"a.crlf", "text/x-crlf"},
+      {"a.short", "text/x-long"}, {"a." + long_ext, "<null>"},  // that entry alone is left out
+      {"a." + max_ext, "text/x-long"}, {"a.ok", "text/x-long"},
+      {"a.toolong", "<null>"},
+      {"a.tabbed", "text/x-tab"}, {"a.two-tab", "text/x-tab"},
+      {"a.far", "application/x-wide"},
+      {"a.7z", "text/x-signs"}, {"a._u", "text/x-signs"}, {"a.~x", "text/x-signs"}, {"a.\xe9t\xe9", "text/x-signs"},
+  };
+  for (const auto& [name, type] : cases) EXPECT_EQ(by_name(name.c_str()), type) << name;
 }
 
 TEST_F(MimeType, UnreadableTableIsTriedAgain) {
-  std::string path = scratch().path("later.types");
+  const std::string path = scratch().dir + "/later.types";
   unlink(path.c_str());
   mime_type_init(path.c_str(), nullptr);
   tarn_magic::mime_type_reset();
@@ -198,56 +164,38 @@ TEST_F(MimeType, InitCopiesBoundedPaths) {
 TEST_F(MimeType, NameWinsOverContent) {
   EXPECT_EQ(check("%PDF-1.4\n", "notes.txt"), "text/plain");
   EXPECT_EQ(check("%PDF-1.4\n", "notes.unknownext"), "application/pdf");
-  EXPECT_EQ(check("%PDF-1.4\n", "trailing."), "application/pdf");
-  EXPECT_EQ(check("%PDF-1.4\n", nullptr), "application/pdf");
   EXPECT_EQ(check("plain words\n", "README"), "text/plain");
 }
 
 TEST_F(MimeType, TextTest) {
-  EXPECT_EQ(check("Hello,\r\nthis is text.\r\n"), "text/plain");
-  EXPECT_EQ(check(std::string(400, 'a')), "application/octet-stream");  // one 400-byte line
-  EXPECT_EQ(check(std::string(300, 'a') + "\n"), "text/plain");
-  EXPECT_EQ(check(std::string(301, 'a') + "\n"), "application/octet-stream");
-  EXPECT_EQ(check(std::string(300, 'a') + "\nb\n"), "text/plain");
-  EXPECT_EQ(check(std::string(301, 'a') + "\nb\n"), "application/octet-stream");
-  EXPECT_EQ(check(std::string(302, 'a')), "application/octet-stream");
-  // The last byte is not looked at: 301 bytes after the line feed, 300 seen.
-  EXPECT_EQ(check("a\n" + std::string(300, 'c') + "d"), "text/plain");
-  EXPECT_EQ(check("a\n" + std::string(301, 'c') + "d"), "application/octet-stream");
-  EXPECT_EQ(check("two\0words\n"s), "application/octet-stream");
-  EXPECT_EQ(check("ends with a NUL\0"s), "text/plain");
-  EXPECT_EQ(check("del \x7f here\n"s), "application/octet-stream");
-  EXPECT_EQ(check("\x1b$B8@8l\x1b(B and \xe9t\xe9\n"s), "text/plain");
-  EXPECT_EQ(check("bell \a\n"s), "application/octet-stream");
-  EXPECT_EQ(check("\b\t\n\v\f\r text\n"s), "text/plain");
-  EXPECT_EQ(check(""), "text/plain");  // nothing to object to
-  EXPECT_EQ(check("\x01\x02\x03\x04"s), "application/octet-stream");
-}
-
-TEST_F(MimeType, InternatMagicAndCtypePrintf) {
-  using tarn_magic::internatmagic;
-  auto text = [](std::string_view s) {
-    MIMETYPE_outputstr[0] = '\0';
-    return internatmagic(reinterpret_cast<const unsigned char*>(s.data()), static_cast<int>(s.size()));
+  const std::string bin = "application/octet-stream", text = "text/plain";
+  const std::pair<std::string, std::string> cases[] = {
+      {"Hello,\r\nthis is text.\r\n", text},
+      {std::string(400, 'a'), bin},  // one 400-byte line
+      {std::string(300, 'a') + "\n", text},
+      {std::string(301, 'a') + "\n", bin},
+      {std::string(300, 'a') + "\nb\n", text},
+      {std::string(301, 'a') + "\nb\n", bin},
+      {std::string(302, 'a'), bin},
+      // The last byte is not looked at: 301 bytes after the line feed, 300 seen.
+      {"a\n" + std::string(300, 'c') + "d", text},
+      {"a\n" + std::string(301, 'c') + "d", bin},
+      {"two\0words\n"s, bin},
+      {"ends with a NUL\0"s, text},
+      {"\x7f", text},  // one byte: the only byte is the last
+      {"\x7fx", bin},
+      {"del \x7f here\n", bin},
+      {"\x1b$B8@8l\x1b(B and \xe9t\xe9 \x80\xff\n", text},  // escape and bytes of 128 and up
+      {"bell \a\n", bin},
+      {"\b\t\n\v\f\r text\n", text},
+      {"\x0e\n", bin},
+      {"\x1a\n", bin},
+      {"\x1f\n", bin},
+      {"", text},  // nothing to object to
+      {"\x01\x02\x03\x04", bin},
   };
-  EXPECT_EQ(text("text\n"), 1);
-  EXPECT_STREQ(MIMETYPE_outputstr, "text/plain");
-  EXPECT_EQ(text("te\0t\n"s), 0);
-  EXPECT_STREQ(MIMETYPE_outputstr, "");
-  EXPECT_EQ(text("\x7f"), 1);  // one byte: the only byte is the last
-  EXPECT_EQ(text("\x7fx"), 0);
+  for (const auto& [bytes, type] : cases) EXPECT_EQ(check(bytes), type) << bytes;
   EXPECT_EQ(tarn_magic::internatmagic(nullptr, 10), 1);
-  EXPECT_FALSE(tarn_magic::maybe_internat[0]);
-  EXPECT_FALSE(tarn_magic::maybe_internat[7]);
-  EXPECT_TRUE(tarn_magic::maybe_internat[8]);
-  EXPECT_TRUE(tarn_magic::maybe_internat[13]);
-  EXPECT_FALSE(tarn_magic::maybe_internat[14]);
-  EXPECT_FALSE(tarn_magic::maybe_internat[26]);
-  EXPECT_TRUE(tarn_magic::maybe_internat[27]);
-  EXPECT_FALSE(tarn_magic::maybe_internat[31]);
-  EXPECT_FALSE(tarn_magic::maybe_internat[127]);
-  EXPECT_TRUE(tarn_magic::maybe_internat[128]);
-  EXPECT_TRUE(tarn_magic::maybe_internat[255]);
 
   tarn_magic::ctype_printf("image/%s%n");  // copied, never formatted
   EXPECT_STREQ(MIMETYPE_outputstr, "image/%s%n");
@@ -278,7 +226,7 @@ TEST_F(MimeType, ContentLimitAndTabCut) {
 }
 
 TEST_F(MimeType, MagicFileIsLoadedOnce) {
-  std::string path = scratch().path("late.magic");
+  const std::string path = scratch().dir + "/late.magic";
   unlink(path.c_str());
   mime_type_init(nullptr, path.c_str());
   tarn_magic::mime_type_reset();
@@ -347,96 +295,60 @@ std::string bmp(uint32_t header_size) {
 }
 
 struct Sample {
-  const char* what;
-  std::string bytes;
-  const char* type;
+  std::string what, bytes, type;
 };
 
 std::vector<Sample> samples() {
-  return {
-      {"pdf", "%PDF-1.7\n%\xe2\xe3\xcf\xd3\n", "application/pdf"},
-      {"rtf", "{\\rtf1\\ansi\\deff0", "application/rtf"},
+  std::vector<Sample> out = {
+      {"pdf", "%PDF-1.7\n%\xe2\xe3\xcf\xd3\n", "application/pdf"}, {"rtf", "{\\rtf1\\ansi\\deff0", "application/rtf"},
       {"postscript", "%!PS-Adobe-3.0\n%%Title: x\n", "application/postscript"},
       {"eps", "\xc5\xd0\xd3\xc6\x1e\0\0\0"s, "application/postscript"},
-      {"word 97", ole(0xa5ec, 0x00c1), "application/msword"},
-      {"word 6", ole(0xa5dc), "application/msword"},
+      {"word 97", ole(0xa5ec, 0x00c1), "application/msword"}, {"word 6", ole(0xa5dc), "application/msword"},
       {"excel", ole(0x0809, 0x0010), "application/vnd.ms-excel"},
       {"powerpoint", ole(0x000f, 0x03e8), "application/vnd.ms-powerpoint"},
       {"other compound file", ole(0x1234), "application/x-ole-storage"},
       {"compound file, 0x000f only", ole(0x000f, 0x0001), "application/x-ole-storage"},
       {"docx", zip("[Content_Types].xml", "<?xml?>"), "application/zip"},
-      {"odt", zip("mimetype", "application/vnd.oasis.opendocument.text"),
-       "application/vnd.oasis.opendocument.text"},
-      {"ods", zip("mimetype", "application/vnd.oasis.opendocument.spreadsheet"),
-       "application/vnd.oasis.opendocument.spreadsheet"},
-      {"odp", zip("mimetype", "application/vnd.oasis.opendocument.presentation"),
-       "application/vnd.oasis.opendocument.presentation"},
-      {"odg", zip("mimetype", "application/vnd.oasis.opendocument.graphics"),
-       "application/vnd.oasis.opendocument.graphics"},
-      {"ott", zip("mimetype", "application/vnd.oasis.opendocument.text-template"),
-       "application/vnd.oasis.opendocument.text-template"},
       {"epub", zip("mimetype", "application/epub+zip"), "application/epub+zip"},
-      {"jar", zip("META-INF/", ""), "application/java-archive"},
-      {"zip", zip("hello.txt", "hi"), "application/zip"},
+      {"jar", zip("META-INF/", ""), "application/java-archive"}, {"zip", zip("hello.txt", "hi"), "application/zip"},
       {"empty zip", "PK\x05\x06"s + std::string(18, '\0'), "application/zip"},
       {"jpeg", "\xff\xd8\xff\xe0\0\x10JFIF\0\x01"s, "image/jpeg"},
       {"exif jpeg", "\xff\xd8\xff\xe1\x12\x34" "Exif\0\0"s, "image/jpeg"},
-      {"png", "\x89PNG\r\n\x1a\n\0\0\0\rIHDR"s, "image/png"},
-      {"gif89a", "GIF89a\x10\0\x10\0"s, "image/gif"},
-      {"gif87a", "GIF87a\x10\0\x10\0"s, "image/gif"},
-      {"bmp", bmp(40), "image/bmp"},
-      {"bmp core", bmp(12), "image/bmp"},
-      {"bmp v5", bmp(124), "image/bmp"},
-      {"tiff le", "II*\0\x08\0\0\0"s, "image/tiff"},
-      {"tiff be", "MM\0*\0\0\0\x08"s, "image/tiff"},
-      {"webp", riff("WEBP"), "image/webp"},
-      {"ico", "\0\0\x01\0\x01\0\x10\x10"s, "image/vnd.microsoft.icon"},
+      {"png", "\x89PNG\r\n\x1a\n\0\0\0\rIHDR"s, "image/png"}, {"gif89a", "GIF89a\x10\0\x10\0"s, "image/gif"},
+      {"gif87a", "GIF87a\x10\0\x10\0"s, "image/gif"}, {"bmp", bmp(40), "image/bmp"},
+      {"bmp core", bmp(12), "image/bmp"}, {"bmp v5", bmp(124), "image/bmp"},
+      {"tiff le", "II*\0\x08\0\0\0"s, "image/tiff"}, {"tiff be", "MM\0*\0\0\0\x08"s, "image/tiff"},
+      {"webp", riff("WEBP"), "image/webp"}, {"ico", "\0\0\x01\0\x01\0\x10\x10"s, "image/vnd.microsoft.icon"},
       {"svg", "<svg xmlns=\"http://www.w3.org/2000/svg\"/>", "image/svg+xml"},
       {"svg after xml declaration",
        "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<svg xmlns=\"http://www.w3.org/2000/svg\"/>",
        "image/svg+xml"},
       {"xml", "<?xml version=\"1.0\"?>\n<root/>\n", "text/xml"},
-      {"psd", "8BPS\0\x01\0\0"s, "image/vnd.adobe.photoshop"},
-      {"heic", ftyp("heic"), "image/heic"},
-      {"avif", ftyp("avif"), "image/avif"},
-      {"mp3 id3", "ID3\x03\0\0\0\0\x0f\x76"s, "audio/mpeg"},
-      {"mp3 frame", "\xff\xfb\x90\x64\0\0"s, "audio/mpeg"},
-      {"mpeg-2 layer 3", "\xff\xf3\x28\xc0"s, "audio/mpeg"},
-      {"aac", "\xff\xf1\x50\x80\x02\x1f\xfc"s, "audio/aac"},
-      {"wav", riff("WAVE"), "audio/x-wav"},
-      {"ogg vorbis", ogg("\x01vorbis\0\0\0\0"s), "audio/ogg"},
-      {"ogg opus", ogg("OpusHead\x01\x02"), "audio/ogg"},
-      {"ogg theora", ogg("\x80theora\x03\x02"s), "video/ogg"},
-      {"ogg skeleton", ogg("fishead\0\0\x03"s), "video/ogg"},
-      {"flac", "fLaC\0\0\0\x22"s, "audio/flac"},
-      {"m4a", ftyp("M4A "), "audio/mp4"},
+      {"psd", "8BPS\0\x01\0\0"s, "image/vnd.adobe.photoshop"}, {"heic", ftyp("heic"), "image/heic"},
+      {"avif", ftyp("avif"), "image/avif"}, {"mp3 id3", "ID3\x03\0\0\0\0\x0f\x76"s, "audio/mpeg"},
+      {"mp3 frame", "\xff\xfb\x90\x64\0\0"s, "audio/mpeg"}, {"mpeg-2 layer 3", "\xff\xf3\x28\xc0"s, "audio/mpeg"},
+      {"aac", "\xff\xf1\x50\x80\x02\x1f\xfc"s, "audio/aac"}, {"wav", riff("WAVE"), "audio/x-wav"},
+      {"ogg vorbis", ogg("\x01vorbis\0\0\0\0"s), "audio/ogg"}, {"ogg opus", ogg("OpusHead\x01\x02"), "audio/ogg"},
+      {"ogg theora", ogg("\x80theora\x03\x02"s), "video/ogg"}, {"ogg skeleton", ogg("fishead\0\0\x03"s), "video/ogg"},
+      {"flac", "fLaC\0\0\0\x22"s, "audio/flac"}, {"m4a", ftyp("M4A "), "audio/mp4"},
       {"aiff", "FORM"s + be32(100) + "AIFFCOMM", "audio/x-aiff"},
       {"aifc", "FORM"s + be32(100) + "AIFCFVER", "audio/x-aiff"},
       {"other iff", "FORM"s + be32(100) + "ILBMBMHD", "application/octet-stream"},
-      {"midi", "MThd\0\0\0\x06\0\x01"s, "audio/midi"},
-      {"mp4", ftyp("isom"), "video/mp4"},
-      {"mp4 mp42", ftyp("mp42"), "video/mp4"},
-      {"mov", ftyp("qt  "), "video/quicktime"},
-      {"old mov", "\0\0\0\x08wide\0\0\0\0mdat"s, "video/quicktime"},
-      {"3gp", ftyp("3gp4"), "video/3gpp"},
-      {"avi", riff("AVI "), "video/x-msvideo"},
-      {"other riff", riff("CDRA"), "application/octet-stream"},
-      {"mkv", ebml("matroska"), "video/x-matroska"},
-      {"webm", ebml("webm"), "video/webm"},
-      {"mpeg ps", "\0\0\x01\xba\x44\0"s, "video/mpeg"},
-      {"mpeg video", "\0\0\x01\xb3\x16\0"s, "video/mpeg"},
+      {"midi", "MThd\0\0\0\x06\0\x01"s, "audio/midi"}, {"mp4", ftyp("isom"), "video/mp4"},
+      {"mp4 mp42", ftyp("mp42"), "video/mp4"}, {"mov", ftyp("qt  "), "video/quicktime"},
+      {"old mov", "\0\0\0\x08wide\0\0\0\0mdat"s, "video/quicktime"}, {"3gp", ftyp("3gp4"), "video/3gpp"},
+      {"avi", riff("AVI "), "video/x-msvideo"}, {"other riff", riff("CDRA"), "application/octet-stream"},
+      {"mkv", ebml("matroska"), "video/x-matroska"}, {"webm", ebml("webm"), "video/webm"},
+      {"mpeg ps", "\0\0\x01\xba\x44\0"s, "video/mpeg"}, {"mpeg video", "\0\0\x01\xb3\x16\0"s, "video/mpeg"},
       {"flv", "FLV\x01\x05\0\0\0\x09"s, "video/x-flv"},
       {"wmv", "\x30\x26\xb2\x75\x8e\x66\xcf\x11\xa6\xd9"s, "video/x-ms-asf"},
       {"swf", "FWS\x0a\x10\0\0\0"s, "application/x-shockwave-flash"},
       {"compressed swf", "CWS\x0a\x10\0\0\0"s, "application/x-shockwave-flash"},
-      {"gzip", "\x1f\x8b\x08\0\0\0\0\0"s, "application/gzip"},
-      {"bzip2", "BZh91AY&SY\x12\x34", "application/x-bzip2"},
+      {"gzip", "\x1f\x8b\x08\0\0\0\0\0"s, "application/gzip"}, {"bzip2", "BZh91AY&SY\x12\x34", "application/x-bzip2"},
       {"xz", "\xfd" "7zXZ\0\0\x04"s, "application/x-xz"},
       {"7z", "7z\xbc\xaf\x27\x1c\0\x04"s, "application/x-7z-compressed"},
-      {"rar4", "Rar!\x1a\x07\0\xcf"s, "application/vnd.rar"},
-      {"rar5", "Rar!\x1a\x07\x01\0"s, "application/vnd.rar"},
-      {"posix tar", tar("ustar\0" "00"s), "application/x-tar"},
-      {"gnu tar", tar("ustar  \0"s), "application/x-tar"},
+      {"rar4", "Rar!\x1a\x07\0\xcf"s, "application/vnd.rar"}, {"rar5", "Rar!\x1a\x07\x01\0"s, "application/vnd.rar"},
+      {"posix tar", tar("ustar\0" "00"s), "application/x-tar"}, {"gnu tar", tar("ustar  \0"s), "application/x-tar"},
       {"zstd", "\x28\xb5\x2f\xfd\x24\0"s, "application/zstd"},
       {"cab", "MSCF\0\0\0\0\x12\x34"s, "application/vnd.ms-cab-compressed"},
       {"deb", "!<arch>\ndebian-binary   1342943816  0     0     100644  4         `\n",
@@ -460,15 +372,17 @@ std::vector<Sample> samples() {
       {"python script", "#!/usr/bin/env python3\nprint(1)\n", "text/x-python"},
       {"pgp message", "-----BEGIN PGP MESSAGE-----\n\nhQEMA\n", "application/pgp-encrypted"},
       {"pgp key", "-----BEGIN PGP PUBLIC KEY BLOCK-----\n", "application/pgp-keys"},
-      {"woff2", "wOF2\0\x01\0\0"s, "font/woff2"},
-      {"ttf", "\0\x01\0\0\0\x0c\0\x80"s, "font/ttf"},
+      {"woff2", "wOF2\0\x01\0\0"s, "font/woff2"}, {"ttf", "\0\x01\0\0\0\x0c\0\x80"s, "font/ttf"},
       {"sqlite", "SQLite format 3\0\x10\0"s, "application/vnd.sqlite3"},
       {"windows shortcut", "L\0\0\0\x01\x14\x02\0\0\0"s, "application/x-ms-shortcut"},
-      {"plain text", "Hello,\r\nthis is text.\r\n", "text/plain"},
-      {"binary", "\0\x01\x02\x03\x04\x05"s, "application/octet-stream"},
       // "BM" text: the info header size read from letters is far too large.
       {"text starting with BM", "BMW drivers club newsletter\n", "application/octet-stream"},
   };
+  for (const char* kind : {"text", "spreadsheet", "presentation", "graphics", "text-template"}) {
+    const std::string type = "application/vnd.oasis.opendocument."s + kind;
+    out.push_back({kind, zip("mimetype", type), type});
+  }
+  return out;
 }
 
 TEST_F(MimeType, CommonAttachmentTypesByContent) {
@@ -538,24 +452,12 @@ TEST_F(MimeType, ExtensionLookupReadsTheFileEachTime) {
 
 TEST_F(MimeType, DebianMimeTypesFile) {
   if (access("/etc/mime.types", R_OK) != 0) GTEST_SKIP() << "no /etc/mime.types (package media-types)";
-  use_types(slurp("/etc/mime.types"));
+  use_types(tarntest::read_file("/etc/mime.types"));
   EXPECT_EQ(ct_init(), 0);
   EXPECT_EQ(by_name("a.pdf"), "application/pdf");
   EXPECT_EQ(by_name("a.DOCX"), "application/vnd.openxmlformats-officedocument.wordprocessingml.document");
-  EXPECT_EQ(by_name("a.xlsx"), "application/vnd.openxmlformats-officedocument.spreadsheetml.sheet");
-  EXPECT_EQ(by_name("a.pptx"), "application/vnd.openxmlformats-officedocument.presentationml.presentation");
-  EXPECT_EQ(by_name("a.odt"), "application/vnd.oasis.opendocument.text");
-  EXPECT_EQ(by_name("a.doc"), "application/msword");
-  EXPECT_EQ(by_name("a.xls"), "application/vnd.ms-excel");
-  EXPECT_EQ(by_name("a.jpg"), "image/jpeg");
-  EXPECT_EQ(by_name("a.png"), "image/png");
-  EXPECT_EQ(by_name("a.mp3"), "audio/mpeg");
-  EXPECT_EQ(by_name("a.mp4"), "video/mp4");
-  EXPECT_EQ(by_name("a.ics"), "text/calendar");
-  EXPECT_EQ(by_name("a.vcf"), "text/vcard");
-  EXPECT_EQ(by_name("a.eml"), "message/rfc822");
-  EXPECT_EQ(by_name("a.zip"), "application/zip");
   EXPECT_EQ(by_name("a.7z"), "application/x-7z-compressed");
+  EXPECT_EQ(by_name("a.vcf"), "text/vcard");
   EXPECT_EQ(by_name("a.txt"), "text/plain");
   EXPECT_STREQ(ct2ext("image/jpeg", nullptr), "jpeg");
   EXPECT_STREQ(ct2ext("text/plain; charset=utf-8", nullptr), "txt");
@@ -566,15 +468,13 @@ TEST_F(MimeType, DebianMimeTypesFile) {
 TEST_F(MimeType, DebianApacheMagicFile) {
   const char* env = std::getenv("TARN_APACHE_MAGIC");
   if (env == nullptr || access(env, R_OK) != 0) GTEST_SKIP() << "TARN_APACHE_MAGIC not set";
-  use_magic(slurp(env));
+  use_magic(tarntest::read_file(env));
   testing::internal::CaptureStderr();
   EXPECT_EQ(check("%PDF-1.3\n"), "application/pdf");
   testing::internal::GetCapturedStderr();
   EXPECT_GT(MIMETYPE_nrejected, 0);
   EXPECT_EQ(check(tar("ustar\0" "00"s)), "application/x-tar");  // "application/x-tar<TAB>posix"
   EXPECT_EQ(check(tar("ustar  \0"s)), "application/x-tar");
-  EXPECT_EQ(check("\x89PNG\r\n\x1a\n\0\0\0\rIHDR"s), "image/png");
-  EXPECT_EQ(check(riff("WAVE")), "audio/x-wav");
   EXPECT_EQ(check(zip("word/document.xml", "x")), "application/x-zip");
   EXPECT_EQ(check("Plain words.\n"), "text/plain");
 }
