@@ -1,14 +1,16 @@
 // Encoded-word decoding: MSTR_Decode, qp_code, base64_code.
 #include <gtest/gtest.h>
 
-#include <cctype>
+#include <algorithm>
 #include <cstdint>
 #include <cstring>
-#include <initializer_list>
 #include <memory>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
+
+#include <strings.h>
 
 #include "support.h"
 #include "tarnmail.h"
@@ -33,168 +35,116 @@ Result decode(std::string_view in) {
 
 std::string decoded(std::string_view in) { return decode(in).text; }
 
-TEST(StrDecodeDigits, HexAndBase64Values) {
-  EXPECT_EQ(qp_code('0'), 0);
-  EXPECT_EQ(qp_code('9'), 9);
-  EXPECT_EQ(qp_code('a'), 10);
-  EXPECT_EQ(qp_code('F'), 15);
-  for (int x : std::initializer_list<int>{'g', 'G', '/', ':', '@', '`', ' ', 0, -1, 0xC1}) EXPECT_EQ(qp_code(x), -1) << x;
-
-  EXPECT_EQ(base64_code('A'), 0);
-  EXPECT_EQ(base64_code('Z'), 25);
-  EXPECT_EQ(base64_code('a'), 26);
-  EXPECT_EQ(base64_code('z'), 51);
-  EXPECT_EQ(base64_code('0'), 52);
-  EXPECT_EQ(base64_code('9'), 61);
-  EXPECT_EQ(base64_code('+'), 62);
-  EXPECT_EQ(base64_code('/'), 63);
-  for (int x : std::initializer_list<int>{'=', '-', '_', '"', '?', 0, -1, 256, 0xC1}) EXPECT_EQ(base64_code(x), -1) << x;
-  int valid = 0;
-  for (int x = 0; x < 256; ++x) valid += base64_code(x) >= 0;
-  EXPECT_EQ(valid, 64);
+TEST(StrDecodeDigits, HexAndBase64ValuesOfEveryByte) {
+  const std::string hex = "0123456789abcdefABCDEF";
+  const std::string b64 = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
+  for (int x = -1; x <= 256; ++x) {
+    const size_t h = x >= 0 && x < 256 ? hex.find(static_cast<char>(x)) : std::string::npos;
+    const size_t b = x >= 0 && x < 256 ? b64.find(static_cast<char>(x)) : std::string::npos;
+    if (x < 256) {
+      EXPECT_EQ(qp_code(x), h == std::string::npos ? -1 : static_cast<int>(h < 16 ? h : h - 6)) << x;
+    }
+    EXPECT_EQ(base64_code(x), b == std::string::npos ? -1 : static_cast<int>(b)) << x;
+  }
 }
 
-TEST(StrDecode, NullAndUntouchedInput) {
-  EXPECT_EQ(MSTR_Decode(nullptr), nullptr);
-
-  Result r = decode("plain subject, no words");
-  EXPECT_EQ(r.text, "plain subject, no words");
-  EXPECT_EQ(r.charset, "");
-
-  // An opener that decodes nothing leaves the text as it was, but the name
-  // is still reported.
-  r = decode("=?x?Q?" "?=");
-  EXPECT_EQ(r.text, "=?x?Q?" "?=");
-  EXPECT_EQ(r.charset, "x");
-
+TEST(StrDecode, Words) {
+  const std::string n126(126, 'c'), n127(127, 'c'), n300(300, 'd'), n300_cut(127, 'd');
+  const struct {
+    std::string in, text;
+    const char* charset;  // nullptr: not looked at
+  } cases[] = {
+      // Untouched input; an opener that decodes nothing leaves the text but
+      // still reports the name.
+      {"plain subject, no words", "plain subject, no words", ""},
+      {"=?x?Q?" "?=", "=?x?Q?" "?=", "x"},
+      {"=?big5?B?pKSk5Q==?=", "\xa4\xa4\xa4\xe5", "big5"},
+      {"=?utf-8?Q?a_b?=", "a b", "utf-8"},
+      {"=?x?B?QUJD_REVG?=", "ABC DEF", nullptr},  // "_" is a space in B words too
+      {"=?UTF-8?q?caf=C3=A9?=", "caf\xc3\xa9", nullptr},
+      // Hex digits are not checked: a bad digit counts as -1.
+      {"=?x?Q?=ZZ?=", "\xff", nullptr},
+      {"=?x?Q?=z4?=", "\xf4", nullptr},
+      {"=?x?Q?=4z?=", "\xff", nullptr},
+      {"=?x?Q?why?_not?=", "why? not", nullptr},  // Q text keeps "?" that does not close the word
+      // An unterminated word decodes to the end.
+      {"=?x?Q?abc", "abc", nullptr},
+      {"=?x?B?QUJDREVG", "ABCDEF", nullptr},
+      {"Re: =?x?Q?a?= tail", "Re: a tail", nullptr},
+      // B groups: a double quote in the third or fourth place stands alone;
+      // characters outside the alphabet are written as they stand.
+      {"=?x?B?QUJDQU\"QUJD?=", "ABC\"ABC", nullptr},
+      {"=?x?B?QUJDQUJ\"QUJD?=", "ABC\"ABC", nullptr},
+      {"=?x?B?QUJDQ!JD?=", "ABC!", nullptr},
+      {"=?x?B?QUJD!UJD?=", "ABC!", nullptr},
+      {"=?x?B?QUJDQU!D?=", "ABCA!", nullptr},
+      {"=?x?B?QUJDQU=B?=", "ABCA\xc1", nullptr},  // padding in third place, a real character in the fourth
+      // Padding at the start of a group is dropped; padding ends B mode and
+      // the rest of the word is plain text.
+      {"=?x?B?QUJD==?=", "ABC", nullptr},
+      {"=?x?B?QQ==QUJD?=", "AQUJD", nullptr},
+      {"=?NONE?B?VEVTVA=?=", "TEST?=", nullptr},  // an unpadded last group takes "?=" as its last two
+      // A group cut by the terminator yields nothing.
+      {"=?x?B?QUJDQ", "ABC", nullptr},
+      {"=?x?B?QUJDQU", "ABC", nullptr},
+      {"=?x?B?QUJDQUJ", "ABC", nullptr},
+      // Blanks (spaces and folds) between words go; blanks before the first
+      // decoded word stay; once a word produced output, blanks before every
+      // later word go, even with plain text in between.  A tab alone is no
+      // blank.
+      {"=?a?Q?x?= =?a?Q?y?=", "xy", nullptr},
+      {"=?a?Q?x?=   =?a?Q?y?=", "xy", nullptr},
+      {"=?a?Q?x?=\n\t=?a?Q?y?=", "xy", nullptr},
+      {"=?a?Q?x?=\n =?a?Q?y?=", "xy", nullptr},
+      {"=?a?Q?x?= \n\t =?a?Q?y?=", "xy", nullptr},
+      {"a =?a?Q?x?=", "a x", nullptr},
+      {"  =?a?Q?x?=", "  x", nullptr},
+      {"=?a?Q?x?= foo =?a?Q?y?=", "x fooy", nullptr},
+      {"=?a?Q?x?=\t=?a?Q?y?=", "x\ty", nullptr},
+      // Line breaks: one not followed by a blank ends the value; a fold
+      // loses the break and a tab after it.
+      {"Subject\nNext: value", "Subject", ""},
+      {"=?a?Q?x?=\nNext: =?b?Q?y?=", "x", nullptr},
+      {"trailing\n", "trailing", nullptr},
+      {"a\n\tb", "ab", nullptr},
+      {"a\n b", "a b", nullptr},
+      {"a\n\t\tb", "a\tb", nullptr},
+      {"a\n  b", "a  b", nullptr},
+      {"=?a?Q?x\n\ty?=", "xy", nullptr},  // folding inside a word's text
+      // A line break counts as output for the blank rule: after the second
+      // break, blanks before a word go even though no word came yet.
+      {"a\n b =?x?Q?y?=", "a b y", nullptr},
+      {"a\n b\n c =?x?Q?y?=", "a b cy", nullptr},
+      // Malformed openers stay as text: a charset name of 126 characters is
+      // fine, 127 is not (and the name reported is cut to 127).
+      {"=?" + n126 + "?Q?ok?=", "ok", n126.c_str()},
+      {"=?a?Q?x?= =?" + n127 + "?Q?ok?=", "x=?" + n127 + "?Q?ok?=", n127.c_str()},
+      {"=?a?Q?x?= =?" + n300 + "?Q?ok?=", "x=?" + n300 + "?Q?ok?=", n300_cut.c_str()},
+      {"=?a?Q?x?= =?ut\xe9" "f?Q?a?=", "x=?ut\xe9" "f?Q?a?=", "ut"},  // a byte above 127 in the name
+      {"=?a?Q?x?= =?b?X?y?=", "x=?b?X?y?=", "b"},  // a bad encoding letter
+      {"=?a?Q?x?= =?b?Qy?=", "x=?b?Qy?=", nullptr},  // a letter not followed by "?"
+      // The terminator inside an opener ends the call; what came before stays.
+      {"=?a?Q?x?= =?abc", "x", nullptr},
+      {"=?a?Q?x?= =?abc?", "x", nullptr},
+      {"=?a?Q?x?= =?abc?Q", "x", nullptr},
+      {"=?a?Q?xy=4", "xy", nullptr},  // Q escapes cut by the terminator
+      {"=?a?Q?xy=", "xy", nullptr},
+      // An ISO-2022-JP name, once seen, is the one reported.
+      {"=?iso-2022-jp?B?GyRCJCIbKEI=?= =?utf-8?Q?a?=", "\x1b$B$\"\x1b(Ba", "iso-2022-jp"},
+      {"=?utf-8?Q?a?= =?ISO-2022-JP?Q?b?= =?koi8-r?Q?c?=", "ab" "c", "ISO-2022-JP"},
+      {"=?iso-2022-jp-2?Q?b?= =?koi8-r?Q?c?=", "bc", "iso-2022-jp-2"},
+      {"=?utf-8?Q?a?= =?koi8-r?Q?c?=", "ac", "koi8-r"},
+      {"=?iso-2022-j?Q?b?= =?koi8-r?Q?c?=", "bc", "koi8-r"},
+  };
+  for (const auto& c : cases) {
+    const Result r = decode(c.in);
+    EXPECT_EQ(r.text, c.text) << c.in;
+    EXPECT_TRUE(c.charset == nullptr || r.charset == c.charset) << c.in << " gave the name " << r.charset;
+  }
   // The static name is emptied by every call.
   EXPECT_EQ(decode("=?utf-8?Q?a?=").charset, "utf-8");
   EXPECT_EQ(decode("nothing").charset, "");
-}
-
-TEST(StrDecode, QAndBWords) {
-  Result r = decode("=?big5?B?pKSk5Q==?=");
-  EXPECT_EQ(r.text, "\xa4\xa4\xa4\xe5");
-  EXPECT_EQ(r.charset, "big5");
-
-  EXPECT_EQ(decoded("=?utf-8?Q?a_b?="), "a b");
-  EXPECT_EQ(decoded("=?x?B?QUJD_REVG?="), "ABC DEF");  // "_" is a space in B words too
-  EXPECT_EQ(decoded("=?UTF-8?q?caf=C3=A9?="), "caf\xc3\xa9");
-  // Hex digits are not checked: a bad digit counts as -1.
-  EXPECT_EQ(decoded("=?x?Q?=ZZ?="), "\xff");
-  EXPECT_EQ(decoded("=?x?Q?=z4?="), "\xf4");
-  EXPECT_EQ(decoded("=?x?Q?=4z?="), "\xff");
-  // Q text keeps "?" that does not close the word.
-  EXPECT_EQ(decoded("=?x?Q?why?_not?="), "why? not");
-  // An unterminated word decodes to the end.
-  EXPECT_EQ(decoded("=?x?Q?abc"), "abc");
-  EXPECT_EQ(decoded("=?x?B?QUJDREVG"), "ABCDEF");
-  // Plain text around words stays.
-  EXPECT_EQ(decoded("Re: =?x?Q?a?= tail"), "Re: a tail");
-}
-
-TEST(StrDecode, BQuadQuirks) {
-  // A double quote in the third or fourth place stands alone.
-  EXPECT_EQ(decoded("=?x?B?QUJDQU\"QUJD?="), "ABC\"ABC");
-  EXPECT_EQ(decoded("=?x?B?QUJDQUJ\"QUJD?="), "ABC\"ABC");
-  // Characters outside the alphabet are written as they stand.
-  EXPECT_EQ(decoded("=?x?B?QUJDQ!JD?="), "ABC!");
-  EXPECT_EQ(decoded("=?x?B?QUJD!UJD?="), "ABC!");
-  EXPECT_EQ(decoded("=?x?B?QUJDQU!D?="), "ABCA!");
-  // Padding in third place, a real character in the fourth.
-  EXPECT_EQ(decoded("=?x?B?QUJDQU=B?="), "ABCA\xc1");
-  // Padding at the start of a group is dropped; padding ends B mode and the
-  // rest of the word is plain text.
-  EXPECT_EQ(decoded("=?x?B?QUJD==?="), "ABC");
-  EXPECT_EQ(decoded("=?x?B?QQ==QUJD?="), "AQUJD");
-  // An unpadded last group: "?=" is taken as its last two characters.
-  EXPECT_EQ(decode("=?NONE?B?VEVTVA=?=").text, "TEST?=");
-  // A group cut by the terminator yields nothing.
-  EXPECT_EQ(decoded("=?x?B?QUJDQ"), "ABC");
-  EXPECT_EQ(decoded("=?x?B?QUJDQU"), "ABC");
-  EXPECT_EQ(decoded("=?x?B?QUJDQUJ"), "ABC");
-}
-
-TEST(StrDecode, BlanksBetweenWords) {
-  EXPECT_EQ(decoded("=?a?Q?x?= =?a?Q?y?="), "xy");
-  EXPECT_EQ(decoded("=?a?Q?x?=   =?a?Q?y?="), "xy");
-  EXPECT_EQ(decoded("=?a?Q?x?=\n\t=?a?Q?y?="), "xy");
-  EXPECT_EQ(decoded("=?a?Q?x?=\n =?a?Q?y?="), "xy");
-  EXPECT_EQ(decoded("=?a?Q?x?= \n\t =?a?Q?y?="), "xy");
-  // Blanks before the first decoded word stay.
-  EXPECT_EQ(decoded("a =?a?Q?x?="), "a x");
-  EXPECT_EQ(decoded("  =?a?Q?x?="), "  x");
-  // Once a word produced output, blanks before every later word go, even
-  // with plain text in between.
-  EXPECT_EQ(decoded("=?a?Q?x?= foo =?a?Q?y?="), "x fooy");
-  // Only spaces count as blanks.
-  EXPECT_EQ(decoded("=?a?Q?x?=\t=?a?Q?y?="), "x\ty");
-}
-
-TEST(StrDecode, LineBreaks) {
-  Result r = decode("Subject\nNext: value");
-  EXPECT_EQ(r.text, "Subject");
-  EXPECT_EQ(r.charset, "");
-  EXPECT_EQ(decoded("=?a?Q?x?=\nNext: =?b?Q?y?="), "x");
-  EXPECT_EQ(decoded("trailing\n"), "trailing");
-  EXPECT_EQ(decoded("a\n\tb"), "ab");
-  EXPECT_EQ(decoded("a\n b"), "a b");
-  EXPECT_EQ(decoded("a\n\t\tb"), "a\tb");
-  EXPECT_EQ(decoded("a\n  b"), "a  b");
-  // Folding inside the text of a word.
-  EXPECT_EQ(decoded("=?a?Q?x\n\ty?="), "xy");
-  // A line break counts as output for the blank rule: after the second
-  // break, blanks before a word are removed even though no word came yet.
-  EXPECT_EQ(decoded("a\n b =?x?Q?y?="), "a b y");
-  EXPECT_EQ(decoded("a\n b\n c =?x?Q?y?="), "a b cy");
-}
-
-TEST(StrDecode, MalformedOpeners) {
-  // A charset name of 126 characters is fine, 127 is not.
-  const std::string n126(126, 'c');
-  Result r = decode("=?" + n126 + "?Q?ok?=");
-  EXPECT_EQ(r.text, "ok");
-  EXPECT_EQ(r.charset, n126);
-
-  const std::string n127(127, 'c');
-  const std::string long_word = "=?a?Q?x?= =?" + n127 + "?Q?ok?=";
-  r = decode(long_word);
-  EXPECT_EQ(r.text, "x=?" + n127 + "?Q?ok?=");
-  EXPECT_EQ(r.charset, n127);
-
-  const std::string n300(300, 'd');
-  r = decode("=?a?Q?x?= =?" + n300 + "?Q?ok?=");
-  EXPECT_EQ(r.text, "x=?" + n300 + "?Q?ok?=");
-  EXPECT_EQ(r.charset, std::string(127, 'd'));
-
-  // A byte above 127 in the name.
-  r = decode("=?a?Q?x?= =?ut\xe9" "f?Q?a?=");
-  EXPECT_EQ(r.text, "x=?ut\xe9" "f?Q?a?=");
-  EXPECT_EQ(r.charset, "ut");
-
-  // A bad encoding letter, or a letter not followed by "?".
-  r = decode("=?a?Q?x?= =?b?X?y?=");
-  EXPECT_EQ(r.text, "x=?b?X?y?=");
-  EXPECT_EQ(r.charset, "b");
-  EXPECT_EQ(decoded("=?a?Q?x?= =?b?Qy?="), "x=?b?Qy?=");
-
-  // The terminator inside an opener ends the call; what came before stays.
-  EXPECT_EQ(decoded("=?a?Q?x?= =?abc"), "x");
-  EXPECT_EQ(decoded("=?a?Q?x?= =?abc?"), "x");
-  EXPECT_EQ(decoded("=?a?Q?x?= =?abc?Q"), "x");
-  // Q escapes cut by the terminator.
-  EXPECT_EQ(decoded("=?a?Q?xy=4"), "xy");
-  EXPECT_EQ(decoded("=?a?Q?xy="), "xy");
-}
-
-TEST(StrDecode, Iso2022JpNameSticks) {
-  Result r = decode("=?iso-2022-jp?B?GyRCJCIbKEI=?= =?utf-8?Q?a?=");
-  EXPECT_EQ(r.text, "\x1b$B$\"\x1b(Ba");
-  EXPECT_EQ(r.charset, "iso-2022-jp");
-  EXPECT_EQ(decode("=?utf-8?Q?a?= =?ISO-2022-JP?Q?b?= =?koi8-r?Q?c?=").charset, "ISO-2022-JP");
-  EXPECT_EQ(decode("=?iso-2022-jp-2?Q?b?= =?koi8-r?Q?c?=").charset, "iso-2022-jp-2");
-  EXPECT_EQ(decode("=?utf-8?Q?a?= =?koi8-r?Q?c?=").charset, "koi8-r");
-  EXPECT_EQ(decode("=?iso-2022-j?Q?b?= =?koi8-r?Q?c?=").charset, "koi8-r");
+  EXPECT_EQ(MSTR_Decode(nullptr), nullptr);
 }
 
 // Output is never longer than the input, whatever the bytes.
@@ -219,37 +169,33 @@ TEST(StrDecode, ArbitraryBytesStayInBounds) {
 
 // --- real headers ---------------------------------------------------------
 
-bool same_name(std::string_view a, std::string_view b) {
-  if (a.size() != b.size()) return false;
-  for (std::size_t i = 0; i < a.size(); ++i)
-    if (std::tolower(static_cast<unsigned char>(a[i])) != std::tolower(static_cast<unsigned char>(b[i])))
-      return false;
-  return true;
-}
-
-// The value of the first field `name` in a message's header block, with its
-// folding kept and CR LF turned into LF, as the header parser leaves it.
-std::string header_value(const std::string& message, std::string_view name) {
+// The fields of a message's header block as (name, value), the value with
+// its folding kept and CR LF turned into LF, as the header parser leaves it.
+std::vector<std::pair<std::string, std::string>> header_fields(const std::string& message) {
   std::string text;
   for (char c : message)
     if (c != '\r') text.push_back(c);
-  const std::size_t end = text.find("\n\n");
-  if (end != std::string::npos) text.resize(end + 1);
-  auto line_end = [&text](std::size_t from) {
-    const std::size_t nl = text.find('\n', from);
-    return nl == std::string::npos ? text.size() : nl;
-  };
-  for (std::size_t line = 0; line < text.size();) {
-    std::size_t stop = line_end(line);
-    while (stop + 1 < text.size() && (text[stop + 1] == ' ' || text[stop + 1] == '\t')) stop = line_end(stop + 1);
-    const std::size_t colon = text.find(':', line);
-    if (colon < stop && same_name(std::string_view(text).substr(line, colon - line), name)) {
-      std::size_t v = colon + 1;
-      while (v < stop && (text[v] == ' ' || text[v] == '\t' || text[v] == '\n')) ++v;
-      return text.substr(v, stop - v);
+  text.resize(std::min(text.size(), text.find("\n\n")));
+  std::vector<std::pair<std::string, std::string>> out;
+  for (std::size_t start = 0; start < text.size();) {
+    std::size_t stop = start;
+    do stop = text.find('\n', stop + 1);
+    while (stop != std::string::npos && stop + 1 < text.size() && (text[stop + 1] == ' ' || text[stop + 1] == '\t'));
+    stop = std::min(stop, text.size());
+    const std::size_t colon = text.find(':', start);
+    if (colon < stop) {
+      const std::size_t v = std::min(stop, text.find_first_not_of(" \t\n", colon + 1));
+      out.emplace_back(text.substr(start, colon - start), text.substr(v, stop - v));
     }
-    line = stop + 1;
+    start = stop + 1;
   }
+  return out;
+}
+
+// The value of the first field `name` (any case) of a corpus message.
+std::string header_value(const std::string& file, std::string_view name) {
+  for (const auto& [field, value] : header_fields(tarntest::read_file(tarntest::corpus_dir() + "/mime/" + file)))
+    if (field.size() == name.size() && strncasecmp(field.data(), name.data(), name.size()) == 0) return value;
   return std::string();
 }
 
@@ -289,37 +235,17 @@ TEST(StrDecodeCorpus, SubjectsMatchReferenceDecoder) {
       {"spamassassin/nice/unicode1", "Doma\xe8" "e omre\xc5\xbeje", "Utf-8*SL"},
   };
   for (const Case& c : kCases) {
-    const std::string path = tarntest::corpus_dir() + "/mime/" + c.file;
-    const std::string value = header_value(tarntest::read_file(path), "Subject");
+    const std::string value = header_value(c.file, "Subject");
     ASSERT_NE(value.find("=?"), std::string::npos) << c.file;
     Result r = decode(value);
     EXPECT_EQ(r.text, c.text) << c.file;
     EXPECT_EQ(r.charset, c.charset) << c.file;
   }
-}
-
-// Where the blank rules part ways with the reference decoder.
-TEST(StrDecodeCorpus, SubjectsWithOwnBlankRules) {
-  const std::string quoted = header_value(
-      tarntest::read_file(tarntest::corpus_dir() +
-                          "/mime/mail-gem/plain_emails/raw_email_with_partially_quoted_subject.eml"),
-      "Subject");
-  EXPECT_EQ(decoded(quoted), "Re: Test: \"\xe6\xbc\xa2\xe5\xad\x97\" mid\"\xe6\xbc\xa2\xe5\xad\x97\" tail");
-  const std::string folded = header_value(
-      tarntest::read_file(tarntest::corpus_dir() + "/mime/nodemailer-mailparser/nodemailer.eml"), "Subject");
-  EXPECT_EQ(decoded(folded), "Nodemailer is unicode friendly \xe2\x9c\x94 (1476358788189)");
-}
-
-// Thousands of encoded words folded into one To field (135 KB).
-TEST(StrDecodeCorpus, HugeFoldedRecipientList) {
-  const std::string msg = tarntest::read_file(tarntest::corpus_dir() + "/mime/mimekit/messages/stack-overflow.txt");
-  const std::string value = header_value(msg, "To");
-  ASSERT_GT(value.size(), 130000u);
-  std::string expected = "\"test\" <test@test.com>,";
-  for (int i = 0; i < 2710; ++i) expected += "date>2017-08-20T10:08:28.617</pr";
-  Result r = decode(value);
-  EXPECT_EQ(r.text, expected);
-  EXPECT_EQ(r.charset, "utf-8");
+  // Where the blank rules part ways with the reference decoder.
+  EXPECT_EQ(decoded(header_value("mail-gem/plain_emails/raw_email_with_partially_quoted_subject.eml", "Subject")),
+            "Re: Test: \"\xe6\xbc\xa2\xe5\xad\x97\" mid\"\xe6\xbc\xa2\xe5\xad\x97\" tail");
+  EXPECT_EQ(decoded(header_value("nodemailer-mailparser/nodemailer.eml", "Subject")),
+            "Nodemailer is unicode friendly \xe2\x9c\x94 (1476358788189)");
 }
 
 // Every field of every corpus message: no crash, never longer.
@@ -328,22 +254,7 @@ TEST(StrDecodeCorpus, EveryHeaderFieldStaysInBounds) {
   ASSERT_FALSE(files.empty());
   std::size_t fields = 0, changed = 0;
   for (const std::string& path : files) {
-    std::string text;
-    for (char c : tarntest::read_file(path))
-      if (c != '\r') text.push_back(c);
-    const std::size_t end = text.find("\n\n");
-    if (end != std::string::npos) text.resize(end);
-    // Split into fields at line breaks not followed by folding.
-    std::size_t start = 0;
-    for (std::size_t i = 0; i <= text.size(); ++i) {
-      const bool field_end =
-          i == text.size() || (text[i] == '\n' && (i + 1 >= text.size() || (text[i + 1] != ' ' && text[i + 1] != '\t')));
-      if (!field_end) continue;
-      std::string field = text.substr(start, i - start);
-      start = i + 1;
-      const std::size_t colon = field.find(':');
-      if (colon == std::string::npos) continue;
-      std::string value = field.substr(colon + 1);
+    for (auto& [name, value] : header_fields(tarntest::read_file(path))) {
       value.resize(std::strlen(value.c_str()));  // stop at a stray NUL as the engine does
       Result r = decode(value);
       ASSERT_LE(r.text.size(), value.size()) << path;
@@ -358,20 +269,15 @@ TEST(StrDecodeCorpus, EveryHeaderFieldStaysInBounds) {
 // One MiB of encoded words joined by folds decodes in one pass (a quadratic
 // decoder would not finish within the test's time limit).
 TEST(StrDecodeLong, MegabyteOfFoldedWords) {
-  const std::string word = "=?utf-8?Q?ab=3D_c?=";
-  std::string in;
-  std::size_t words = 0;
-  while (in.size() < (1u << 20)) {
-    in += word;
+  std::string in, expected;
+  for (std::size_t words = 0; in.size() < (1u << 20); ++words) {
+    in += "=?utf-8?Q?ab=3D_c?=";
     in += (words % 2 == 0) ? "\n\t" : "\n ";
-    ++words;
+    expected += "ab= c";
   }
   in += "=?utf-8?B?QUJD?=";
-  Result r = decode(in);
-  std::string expected;
-  expected.reserve(words * 5 + 3);
-  for (std::size_t i = 0; i < words; ++i) expected += "ab= c";
   expected += "ABC";
+  Result r = decode(in);
   EXPECT_EQ(r.text.size(), expected.size());
   EXPECT_EQ(r.text, expected);
   EXPECT_EQ(r.charset, "utf-8");
