@@ -67,26 +67,6 @@ std::string short_type(const char* ctype_str) {
   return s.empty() ? "-" : std::string(s);
 }
 
-// A text for one field of a tab-separated line: control bytes and
-// backslashes escaped, "-" for nothing.
-std::string field(const char* s) {
-  if (s == nullptr || *s == '\0') return "-";
-  std::string out;
-  for (; *s != '\0'; ++s) {
-    unsigned char c = static_cast<unsigned char>(*s);
-    if (c == '\\') {
-      out += "\\\\";
-    } else if (c < 0x20 || c == 0x7f) {
-      char esc[8];
-      snprintf(esc, sizeof esc, "\\x%02x", c);
-      out += esc;
-    } else {
-      out += static_cast<char>(c);
-    }
-  }
-  return out;
-}
-
 // ---- writing files --------------------------------------------------------
 
 // The file name a part is written under: an empty name (a uuencoded

@@ -22,26 +22,6 @@ struct RcptOptions {
   bool have_domain = false;
 };
 
-// A field of a tab-separated line: tabs, control bytes and backslashes
-// escaped, "-" for nothing.
-std::string field(const char* s) {
-  if (*s == '\0') return "-";
-  std::string out;
-  for (; *s != '\0'; ++s) {
-    unsigned char c = static_cast<unsigned char>(*s);
-    if (c == '\\') {
-      out += "\\\\";
-    } else if (c < 0x20 || c == 0x7f) {
-      char esc[8];
-      snprintf(esc, sizeof esc, "\\x%02x", c);
-      out += esc;
-    } else {
-      out += static_cast<char>(c);
-    }
-  }
-  return out;
-}
-
 const char* type_name(int type) {
   switch (type) {
     case RCPT_TYPE_TO: return "to";

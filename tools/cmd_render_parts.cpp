@@ -92,7 +92,7 @@ bool PartsLayout::open(const std::string& parts_dir) {
   parts_fd_ = ::open(parts_dir.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
   if (parts_fd_ < 0) return fail(parts_dir, strerror(errno));
   parts_ = parts_dir;
-  std::string tmpl = parts_dir + "/.incoming-XXXXXX";
+  std::string tmpl = parts_dir + "/.incoming-" + std::string(6, 'X');  // mkdtemp's template
   std::vector<char> buf(tmpl.begin(), tmpl.end());
   buf.push_back('\0');
   if (mkdtemp(buf.data()) == nullptr) return fail(parts_dir, strerror(errno));

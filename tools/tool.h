@@ -34,6 +34,10 @@ int cmd_rcpt(const std::vector<std::string>& args);
 
 int usage_error(const std::string& message);
 
+// One field of a tab-separated output line: control bytes (tabs
+// included) and backslashes escaped, "-" for a NULL or empty text.
+std::string field(const char* s);
+
 // Points the engine's type tables at the magic and mime.types files: those
 // given, else the installed ones when present, else the source tree's.
 // Returns 0, or 2 after a one-line error.

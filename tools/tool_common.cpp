@@ -74,6 +74,24 @@ int load_type_tables(const std::string& magic_file, const std::string& mime_type
   return 0;
 }
 
+std::string field(const char* s) {
+  if (s == nullptr || *s == '\0') return "-";
+  std::string out;
+  for (; *s != '\0'; ++s) {
+    unsigned char c = static_cast<unsigned char>(*s);
+    if (c == '\\') {
+      out += "\\\\";
+    } else if (c < 0x20 || c == 0x7f) {
+      char esc[8];
+      snprintf(esc, sizeof esc, "\\x%02x", c);
+      out += esc;
+    } else {
+      out += static_cast<char>(c);
+    }
+  }
+  return out;
+}
+
 int usage_error(const std::string& message) {
   fprintf(stderr, "tarnmail: %s\n", message.c_str());
   return 2;
