@@ -16,6 +16,7 @@
 
 #include "mime_html2disp_internal.h"
 #include "support.h"
+#include "xss_vectors.h"
 
 // The per-message file prefix is computed by the saved-parts code; when that
 // is not part of this program, init goes on without it.
@@ -413,119 +414,16 @@ TEST(Html2dispHostile, TheTextEndsAtItsFirstNul) {
 
 // ---- the public XSS vectors ----
 
-// The string members of one JSON line ("html", "html_b64"), escapes decoded.
-std::map<std::string, std::string> json_strings(const std::string& s) {
-  std::map<std::string, std::string> out;
-  std::string key;
-  bool have_key = false;
-  for (size_t i = 0; i < s.size(); ++i) {
-    if (s[i] != '"') continue;
-    std::string str;
-    for (++i; i < s.size() && s[i] != '"'; ++i) {
-      if (s[i] != '\\' || i + 1 >= s.size()) {
-        str += s[i];
-        continue;
-      }
-      const char e = s[++i];
-      if (e == 'u' && i + 4 < s.size()) {
-        unsigned cp = static_cast<unsigned>(std::stoul(s.substr(i + 1, 4), nullptr, 16));
-        i += 4;
-        if (cp >= 0xD800 && cp < 0xDC00 && s.compare(i + 1, 2, "\\u") == 0) {
-          cp = 0x10000 + ((cp - 0xD800) << 10) + (static_cast<unsigned>(std::stoul(s.substr(i + 3, 4), nullptr, 16)) - 0xDC00);
-          i += 6;
-        }
-        const int extra = cp < 0x80 ? 0 : cp < 0x800 ? 1 : cp < 0x10000 ? 2 : 3;
-        static const unsigned char kLead[] = {0x00, 0xC0, 0xE0, 0xF0};
-        str += static_cast<char>(kLead[extra] | (cp >> (6 * extra)));
-        for (int k = extra - 1; k >= 0; --k) str += static_cast<char>(0x80 | ((cp >> (6 * k)) & 0x3F));
-        continue;
-      }
-      const char* from = "ntrbf";
-      const char* to = "\n\t\r\b\f";
-      const char* k = std::strchr(from, e);
-      str += k != nullptr ? to[k - from] : e;
-    }
-    const size_t j = s.find_first_not_of(" \t", i + 1);
-    if (!have_key && j != std::string::npos && s[j] == ':') {
-      key = str;
-      have_key = true;
-    } else if (have_key) {
-      out[key] = str;
-      have_key = false;
-    }
-  }
-  return out;
-}
-
-bool contains_nocase(const std::string& s, const char* needle) {
-  const size_t n = std::strlen(needle);
-  for (size_t i = 0; i + n <= s.size(); ++i)
-    if (strncasecmp(s.data() + i, needle, n) == 0) return true;
-  return false;
-}
-
-bool is_letter(char c) { return (c | 0x20) >= 'a' && (c | 0x20) <= 'z'; }
-
-// "on" and letters after a separator, then '=' behind optional blanks.
-bool has_on_attribute(const std::string& s) {
-  auto blank = [](char c) { return c == ' ' || c == '\t' || c == '\n' || c == '\r'; };
-  for (size_t i = 1; i + 2 < s.size(); ++i) {
-    const char sep = s[i - 1];
-    if (!(blank(sep) || sep == '\f' || sep == '/' || sep == '"' || sep == '\'')) continue;
-    if ((s[i] | 0x20) != 'o' || (s[i + 1] | 0x20) != 'n') continue;
-    size_t j = i + 2;
-    if (j >= s.size() || !is_letter(s[j])) continue;
-    while (j < s.size() && is_letter(s[j])) ++j;
-    while (j < s.size() && blank(s[j])) ++j;
-    if (j < s.size() && s[j] == '=') return true;
-  }
-  return false;
-}
-
-std::vector<std::pair<std::string, std::string>> xss_vectors() {
-  std::vector<std::pair<std::string, std::string>> out;  // (source folder, bytes)
-  for (const std::string& path : tarntest::corpus_files("xss")) {
-    const std::string kName = "/vectors.jsonl";
-    if (!path.ends_with(kName)) continue;
-    const std::string dir = path.substr(0, path.size() - kName.size());
-    const std::string source = dir.substr(dir.rfind('/') + 1);
-    std::istringstream lines(tarntest::read_file(path));
-    std::string line;
-    while (std::getline(lines, line)) {
-      if (line.empty()) continue;
-      const auto j = json_strings(line);
-      if (j.count("html_b64")) {
-        std::string b = j.at("html_b64");
-        const int n = MTX_Base64Dec(b.data());
-        out.emplace_back(source, b.substr(0, static_cast<size_t>(std::max(n, 0))));
-      } else if (j.count("html")) {
-        out.emplace_back(source, j.at("html"));
-      }
-    }
-  }
-  return out;
-}
-
-struct Counts {
-  int vectors = 0, script_tag = 0, js_url = 0, on_attr = 0;
-  void add(const std::string& s) {
-    ++vectors;
-    script_tag += contains_nocase(s, "<script");
-    js_url += contains_nocase(s, "javascript:");
-    on_attr += has_on_attribute(s);
-  }
-};
-
 TEST(Html2dispXss, EveryVectorThroughTheReadingPagesCountsTracked) {
   if (tarntest::corpus_files("xss").empty()) GTEST_SKIP() << "no XSS corpus";
-  const auto vectors = xss_vectors();
+  const auto vectors = tarntest::xss_vectors();
   EXPECT_EQ(1088u, vectors.size());
   struct Preset {
     const char* name;
     const MIME_DISP* disp;
   };
   const Preset kPresets[] = {{"raw", nullptr}, {"mailreadDE", &mailreadDE}, {"msgreadDE", &msgreadDE}};
-  std::map<std::string, std::map<std::string, Counts>> counts;  // page -> source -> counts
+  std::map<std::string, std::map<std::string, tarntest::XssCounts>> counts;  // page -> source -> counts
   for (const auto& [source, html] : vectors) {
     for (const Preset& pr : kPresets) {
       std::string out = html.substr(0, html.find('\0'));
