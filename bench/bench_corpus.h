@@ -14,6 +14,19 @@
 
 namespace tarnbench {
 
+// The type tables of the source tree, loaded before anything decodes
+// (retyping and TNEF files ask them).
+inline bool tables_ready() {
+  static const bool ready = [] {
+    const std::string types = TARN_SOURCE_DIR "/data/mime.types";
+    const std::string magic = TARN_SOURCE_DIR "/data/magic";
+    if (types.size() >= MIMETYPE_PATHSIZE || magic.size() >= MIMETYPE_PATHSIZE) return false;
+    mime_type_init(types.c_str(), magic.c_str());
+    return ct_init() == 0 && apprentice(magic.c_str(), 1) == 0;
+  }();
+  return ready;
+}
+
 inline std::string read_all(const std::filesystem::path& p) {
   std::ifstream in(p, std::ios::binary);
   return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());

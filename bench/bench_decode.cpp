@@ -28,23 +28,13 @@
 #include <string>
 #include <vector>
 
+#include "bench_corpus.h"
 #include "tarnmail.h"
 
 namespace {
 
 constexpr size_t kMiB = 1024 * 1024;
 
-// The type tables of the source tree, loaded before anything decodes.
-bool tables_ready() {
-  static const bool ready = [] {
-    const std::string types = TARN_SOURCE_DIR "/data/mime.types";
-    const std::string magic = TARN_SOURCE_DIR "/data/magic";
-    if (types.size() >= MIMETYPE_PATHSIZE || magic.size() >= MIMETYPE_PATHSIZE) return false;
-    mime_type_init(types.c_str(), magic.c_str());
-    return ct_init() == 0 && apprentice(magic.c_str(), 1) == 0;
-  }();
-  return ready;
-}
 
 std::string base64_lines(const std::string& bytes) {
   static const char kAlphabet[] = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
@@ -206,7 +196,7 @@ bool big_message_decodes(const MIME_DECODE& preset) {
 }
 
 void BM_Big(benchmark::State& state, const MIME_DECODE* preset) {
-  if (!tables_ready()) return state.SkipWithError("the type tables of the source tree cannot be read");
+  if (!tarnbench::tables_ready()) return state.SkipWithError("the type tables of the source tree cannot be read");
   const std::string& m = big_message();
   if (preset->decode_level != 0 && !big_message_decodes(*preset)) {
     state.SkipWithError("the 20 MiB message does not decode as built");
@@ -224,7 +214,7 @@ void BM_Big(benchmark::State& state, const MIME_DECODE* preset) {
 }
 
 void BM_Small(benchmark::State& state, const MIME_DECODE* preset) {
-  if (!tables_ready()) return state.SkipWithError("the type tables of the source tree cannot be read");
+  if (!tarnbench::tables_ready()) return state.SkipWithError("the type tables of the source tree cannot be read");
   const SmallSet& s = small_set();
   std::string work(s.pristine.size(), '\0');
   for (auto _ : state) {

@@ -12,6 +12,7 @@
 #include <string>
 #include <vector>
 
+#include "bench_corpus.h"
 #include "tarnmail.h"
 
 namespace {
@@ -21,17 +22,6 @@ namespace fs = std::filesystem;
 constexpr size_t kSmallMax = 64 * 1024;
 constexpr size_t kHeadBytes = 8192;
 
-// The type tables of the source tree, loaded before anything decodes.
-bool tables_ready() {
-  static const bool ready = [] {
-    const std::string types = TARN_SOURCE_DIR "/data/mime.types";
-    const std::string magic = TARN_SOURCE_DIR "/data/magic";
-    if (types.size() >= MIMETYPE_PATHSIZE || magic.size() >= MIMETYPE_PATHSIZE) return false;
-    mime_type_init(types.c_str(), magic.c_str());
-    return ct_init() == 0 && apprentice(magic.c_str(), 1) == 0;
-  }();
-  return ready;
-}
 
 // Corpus files below mime/ that the index tags as single messages.
 std::vector<std::string> corpus_messages() {
@@ -90,7 +80,7 @@ const std::vector<Head>& attachment_heads() {
 
 // One call per attachment head and iteration; items per second are calls.
 void BM_TypeChecking(benchmark::State& state, bool with_name) {
-  if (!tables_ready()) return state.SkipWithError("the type tables of the source tree cannot be read");
+  if (!tarnbench::tables_ready()) return state.SkipWithError("the type tables of the source tree cannot be read");
   const std::vector<Head>& heads = attachment_heads();
   if (heads.empty()) return state.SkipWithError("no attachments in the corpus");
   for (auto _ : state)
