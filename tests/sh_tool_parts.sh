@@ -12,23 +12,7 @@ samples=${TARN_SOURCE_DIR:?TARN_SOURCE_DIR must name the source tree}/data/sampl
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
 
-passed=0
-failed=0
-pass() { passed=$((passed + 1)); echo "ok - $1"; }
-fail() { failed=$((failed + 1)); echo "FAILED - $1"; }
-
-# expect_output NAME EXPECTED-FILE ACTUAL-FILE
-expect_output() {
-  if cmp -s "$2" "$3"; then pass "$1"; else
-    fail "$1"
-    diff -u "$2" "$3" | sed 's/^/    /'
-  fi
-}
-
-# expect_status NAME WANTED GOT
-expect_status() {
-  if [ "$2" -eq "$3" ]; then pass "$1"; else fail "$1 (exit status $3, wanted $2)"; fi
-}
+. "$(dirname "$0")/tap.sh"
 
 # expect_error NAME WORD: the last run printed nothing on stdout and one
 # line naming WORD on stderr.
@@ -247,5 +231,4 @@ for opt in --preset --extract --magic --mime-types; do
   expect_status "$opt without a value exits 2" 2 $?
 done
 
-echo "$passed passed, $failed failed"
-[ "$failed" -eq 0 ]
+finish

@@ -13,10 +13,7 @@ samples=${TARN_SOURCE_DIR:?TARN_SOURCE_DIR must name the source tree}/data/sampl
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
 
-passed=0
-failed=0
-pass() { passed=$((passed + 1)); echo "ok - $1"; }
-fail() { failed=$((failed + 1)); echo "FAILED - $1"; }
+. "$(dirname "$0")/tap.sh"
 check() {  # check NAME COMMAND...: passes when the command succeeds
   local name=$1
   shift
@@ -24,14 +21,6 @@ check() {  # check NAME COMMAND...: passes when the command succeeds
 }
 has() { grep -qF -- "$2" "$1"; }
 lacks() { ! grep -qiF -- "$2" "$1"; }
-
-# expect_output NAME EXPECTED-FILE ACTUAL-FILE
-expect_output() {
-  if cmp -s "$2" "$3"; then pass "$1"; else
-    fail "$1"
-    diff -u "$2" "$3" | sed 's/^/    /'
-  fi
-}
 
 # expect_error NAME WORD: the last run exited 2, printed nothing on stdout
 # and one line naming WORD on stderr.
@@ -303,5 +292,4 @@ expect_error "hdr without a file" "FILE"
 "$tool" hdr --full "$samples/plain.eml" >"$work/out" 2>"$work/err"
 expect_error "hdr: an unknown option" "--full"
 
-echo "$passed passed, $failed failed"
-[ "$failed" -eq 0 ]
+finish

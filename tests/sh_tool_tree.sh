@@ -10,23 +10,7 @@ samples=${TARN_SOURCE_DIR:?TARN_SOURCE_DIR must name the source tree}/data/sampl
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
 
-passed=0
-failed=0
-pass() { passed=$((passed + 1)); echo "ok - $1"; }
-fail() { failed=$((failed + 1)); echo "FAILED - $1"; }
-
-# expect_output NAME EXPECTED-FILE ACTUAL-FILE
-expect_output() {
-  if cmp -s "$2" "$3"; then pass "$1"; else
-    fail "$1"
-    diff -u "$2" "$3" | sed 's/^/    /'
-  fi
-}
-
-# expect_status NAME WANTED GOT
-expect_status() {
-  if [ "$2" -eq "$3" ]; then pass "$1"; else fail "$1 (exit status $3, wanted $2)"; fi
-}
+. "$(dirname "$0")/tap.sh"
 
 # --- the tree of a forwarded message, structure only ---------------------
 # imap decodes no body, so offsets, lengths and charsets stay 0; positions
@@ -108,5 +92,4 @@ expect_status "tree with two files exits 2" 2 $?
 "$tool" tree "$samples/plain.eml" --preset >/dev/null 2>&1
 expect_status "--preset without a name exits 2" 2 $?
 
-echo "$passed passed, $failed failed"
-[ "$failed" -eq 0 ]
+finish
